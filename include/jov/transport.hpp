@@ -1,0 +1,115 @@
+#pragma once
+/// @file
+/// @brief The HTTP transport behind JovRequest, and the factory Jov holds to make it.
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace jov {
+
+/// @brief HTTP header fields in order, names spelled as given.
+using JovHeaders = std::vector<std::pair<std::string, std::string>>;
+
+/// @brief The first value of a header, looked up case-insensitively.
+std::optional<std::string> jovHeaderValue(const JovHeaders& headers, const std::string& name);
+
+/// @brief One HTTP exchange: filled by JovRequest, sent by a transport.
+///
+/// Subclasses implement sendRequest(); the setters only record what to send.
+class JovURLRequest {
+ public:
+  /// @brief Progress of the request body: total bytes sent so far.
+  using SentHandler = std::function<void(std::int64_t sent)>;
+  /// @brief Progress of the response body: bytes received so far and the expected total (-1).
+  using ReceivedHandler = std::function<void(std::int64_t received, std::int64_t expected)>;
+
+  /// @brief A request for this URL.
+  explicit JovURLRequest(std::string url) : url_(std::move(url)) {}
+  virtual ~JovURLRequest() = default;
+
+  /// @brief Sets a header, replacing any value of the same name.
+  void setValue(const std::string& value, const std::string& field);
+  /// @brief Adds a header; an earlier one of the same name stays.
+  void addValue(const std::string& value, const std::string& field);
+  /// @brief Sets the method string ("GET", "PUT", ...).
+  void setHTTPMethod(std::string method) { method_ = std::move(method); }
+  /// @brief Sets the body bytes.
+  void setHTTPBody(std::string body) { body_ = std::move(body); }
+  /// @brief Streams the body from a file instead of memory.
+  void setHTTPBodyFile(std::filesystem::path file) { bodyFile_ = std::move(file); }
+  /// @brief Writes a 2xx response body to this file as it arrives; the file appears only whole.
+  void setDownloadFile(std::filesystem::path file) { downloadFile_ = std::move(file); }
+  /// @brief Installs the progress handlers.
+  void setProgressHandlers(SentHandler sent, ReceivedHandler received) {
+    onSent_ = std::move(sent);
+    onReceived_ = std::move(received);
+  }
+
+  /// @brief Sends and blocks until the exchange ends; fills the response fields.
+  virtual void sendRequest() = 0;
+
+  /// @brief The URL.
+  const std::string& url() const { return url_; }
+  /// @brief The method string.
+  const std::string& httpMethod() const { return method_; }
+  /// @brief The request headers in order.
+  const JovHeaders& headers() const { return headers_; }
+  /// @brief The body bytes.
+  const std::string& httpBody() const { return body_; }
+  /// @brief The body file, when the body streams from one.
+  const std::optional<std::filesystem::path>& httpBodyFile() const { return bodyFile_; }
+  /// @brief The download file, when set.
+  const std::optional<std::filesystem::path>& downloadFile() const { return downloadFile_; }
+
+  /// @brief The HTTP status; 0 when none arrived.
+  int responseCode() const { return responseCode_; }
+  /// @brief The response headers.
+  const JovHeaders& responseHeaders() const { return responseHeaders_; }
+  /// @brief The transport error (no connection, TLS, timeout), if any.
+  const std::optional<std::string>& responseError() const { return responseError_; }
+  /// @brief The response body (empty when it went to the download file).
+  std::string& responseData() { return responseData_; }
+
+ protected:
+  /// @brief Reports sent bytes to the handler.
+  void reportSent(std::int64_t sent) const {
+    if (onSent_) onSent_(sent);
+  }
+  /// @brief Reports received bytes to the handler.
+  void reportReceived(std::int64_t received, std::int64_t expected) const {
+    if (onReceived_) onReceived_(received, expected);
+  }
+
+  std::string url_;
+  std::string method_ = "GET";
+  JovHeaders headers_;
+  std::string body_;
+  std::optional<std::filesystem::path> bodyFile_;
+  std::optional<std::filesystem::path> downloadFile_;
+  SentHandler onSent_;
+  ReceivedHandler onReceived_;
+
+  int responseCode_ = 0;
+  JovHeaders responseHeaders_;
+  std::optional<std::string> responseError_;
+  std::string responseData_;
+};
+
+/// @brief Makes transports; Jov holds one, and replacing it plugs in another transport.
+class JovURLRequestFactory {
+ public:
+  virtual ~JovURLRequestFactory() = default;
+  /// @brief A new transport for one exchange with this URL.
+  virtual std::unique_ptr<JovURLRequest> requestWithURL(const std::string& url) = 0;
+};
+
+/// @brief The libcurl transport factory: connections, TLS sessions and DNS answers are shared.
+std::shared_ptr<JovURLRequestFactory> makeCurlRequestFactory();
+
+}  // namespace jov

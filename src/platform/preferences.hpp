@@ -1,0 +1,38 @@
+#pragma once
+// A small persistent key-value store (SQLite) for per-user scratch data and similar records.
+
+#include <nlohmann/json.hpp>
+
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <string>
+
+struct sqlite3;
+
+namespace jov::detail {
+
+class PreferencesStore {
+ public:
+  /// Opens (creating when needed) the store file; a store that cannot be opened keeps nothing
+  /// and every call on it fails softly (logged once).
+  explicit PreferencesStore(const std::filesystem::path& file);
+  ~PreferencesStore();
+  PreferencesStore(const PreferencesStore&) = delete;
+  PreferencesStore& operator=(const PreferencesStore&) = delete;
+
+  /// The value stored under key, if any.
+  std::optional<nlohmann::json> get(const std::string& key);
+  /// Stores the value under key, durably; false when the store could not write it.
+  bool set(const std::string& key, const nlohmann::json& value);
+  /// Removes the key; false when the store could not write.
+  bool remove(const std::string& key);
+  /// True when the store file is open.
+  bool isOpen() const { return db_ != nullptr; }
+
+ private:
+  std::mutex mutex_;
+  sqlite3* db_ = nullptr;
+};
+
+}  // namespace jov::detail
