@@ -69,7 +69,12 @@ template <class Work>
 void runBlock(Work work, typename BlockFor<std::invoke_result_t<Work&>>::type block) {
   JovUtilities::performRequestMethodAsync(
       [work = std::move(work), block = std::move(block)]() mutable {
-        auto result = std::make_shared<std::invoke_result_t<Work&>>(work());
+        // The work closure (and the entity it holds) is released before the completion is
+        // posted, so the completion is the last owner.
+        auto result = std::make_shared<std::invoke_result_t<Work&>>([&] {
+          Work local = std::move(work);
+          return local();
+        }());
         if (!block) return;
         JovMainQueue::post([result, block = std::move(block)]() { deliver(block, *result); });
       });
@@ -95,7 +100,10 @@ auto runFuture(Work work) -> std::future<std::invoke_result_t<Work&>> {
   auto promise = std::make_shared<std::promise<R>>();
   auto future = promise->get_future();
   JovUtilities::performRequestMethodAsync(
-      [work = std::move(work), promise]() mutable { promise->set_value(work()); });
+      [work = std::move(work), promise]() mutable {
+        Work local = std::move(work);
+        promise->set_value(local());
+      });
   return future;
 }
 

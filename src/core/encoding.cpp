@@ -77,9 +77,9 @@ std::string checksum(std::string_view bytes) {
 }
 
 std::string urlEncode(std::string_view s) {
-  // Escapes everything a URL never carries literally, and the delimiters as well. "%" is left
-  // alone: it is legal in a URL, and text that is already escaped passes through unchanged.
-  return percentEncode(s, [](unsigned char c) { return isUnreserved(c) || c == '%'; });
+  // Escapes everything a URL never carries literally, the delimiters, and "%" itself: the
+  // result goes into a path segment, where a bare "%" would be read as an escape.
+  return percentEncode(s, isUnreserved);
 }
 
 std::string RFC3986Encode(std::string_view s) {
