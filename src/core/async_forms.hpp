@@ -76,7 +76,9 @@ void runBlock(Work work, typename BlockFor<std::invoke_result_t<Work&>>::type bl
           return local();
         }());
         if (!block) return;
-        JovMainQueue::post([result, block = std::move(block)]() { deliver(block, *result); });
+        JovMainQueue::post([result = std::move(result), block = std::move(block)]() {
+          deliver(block, *result);
+        });
       });
 }
 
