@@ -1,0 +1,119 @@
+// jov-emulator: serves the service's REST interface on loopback from an SQLite store.
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app_registry.hpp"
+#include "database.hpp"
+#include "router.hpp"
+#include "server.hpp"
+#include "service.hpp"
+
+namespace {
+
+struct Options {
+  int port = 0;
+  std::string data = ":memory:";
+  std::vector<std::string> apps;
+  std::int64_t tokenTtl = 86400;
+  std::size_t maxBody = 16 * 1024 * 1024;
+  bool verbose = false;
+  bool watchStdin = false;
+};
+
+std::string databasePath(const std::string& data) {
+  if (data == ":memory:") return data;
+  std::filesystem::create_directories(data);
+  return (std::filesystem::path(data) / "emulator.sqlite3").string();
+}
+
+// A harness that dies without stopping us closes our standard input: stop then too.
+void watchStandardInput() {
+  std::thread([] {
+    char buffer[256];
+    while (true) {
+      ssize_t n = ::read(STDIN_FILENO, buffer, sizeof buffer);
+      if (n == 0 || (n < 0 && errno != EINTR)) break;
+    }
+    ::kill(::getpid(), SIGTERM);
+  }).detach();
+}
+
+int run(const Options& options) {
+  // SIGINT and SIGTERM are taken by sigwait below, on this thread only; every thread started
+  // from here inherits the mask. A shell starts background jobs with SIGINT ignored, and an
+  // ignored signal never reaches sigwait: restore the default first.
+  signal(SIGINT, SIG_DFL);
+  signal(SIGTERM, SIG_DFL);
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  signal(SIGPIPE, SIG_IGN);  // a client that hangs up must not kill the emulator
+
+  jovemu::Database db(databasePath(options.data));
+  jovemu::AppRegistry apps(db);
+  for (const auto& app : options.apps) {
+    auto colon = app.find(':');
+    apps.registerApp(app.substr(0, colon), app.substr(colon + 1), true);
+  }
+  jovemu::Service service(db, apps, {options.tokenTtl});
+  jovemu::Router router;
+  jovemu::addAllRoutes(router, service);
+
+  jovemu::ServerOptions serverOptions;
+  serverOptions.port = options.port;
+  serverOptions.maxBody = options.maxBody;
+  serverOptions.verbose = options.verbose;
+  jovemu::HttpServer server(router, serverOptions);
+  server.start();
+  std::cout << server.baseURL() << std::endl;  // the first line; endl flushes it
+  if (options.watchStdin) watchStandardInput();
+
+  int received = 0;
+  sigwait(&stopSignals, &received);
+  if (options.verbose) std::fprintf(stderr, "jov-emulator: stopping on signal %d\n", received);
+  server.stop();
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  CLI::App app{"Local emulator of the service's REST interface, backed by SQLite"};
+  app.add_option("--port", options.port, "TCP port on 127.0.0.1 (0 picks a free one)")
+      ->check(CLI::Range(0, 65535));
+  app.add_option("--data", options.data, "Directory of the store, or :memory:");
+  app.add_option("--app", options.apps, "Application to serve, as ID:KEY (repeatable)")
+      ->check([](const std::string& value) -> std::string {
+        auto colon = value.find(':');
+        if (colon == std::string::npos || colon == 0 || colon + 1 == value.size()) {
+          return "expected ID:KEY";
+        }
+        return {};
+      });
+  app.add_option("--token-ttl", options.tokenTtl, "Access-token lifetime in seconds")
+      ->check(CLI::Range(std::int64_t{1}, std::int64_t{10} * 365 * 86400));
+  app.add_option("--max-body", options.maxBody, "Largest accepted request body in bytes")
+      ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 40));
+  app.add_flag("--verbose", options.verbose, "Log one line per request to standard error");
+  app.add_flag("--watch-stdin", options.watchStdin, "Stop when standard input is closed");
+  CLI11_PARSE(app, argc, argv);
+
+  try {
+    return run(options);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "jov-emulator: %s\n", error.what());
+    return 1;
+  }
+}

@@ -1,0 +1,38 @@
+// Matches a request's method and path against the routes, segment by segment, and runs the
+// handler; answers 404 for a path no route knows and 405 for a known path with another method.
+#pragma once
+
+#include <httplib.h>
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "call.hpp"
+
+namespace jovemu {
+
+/// @brief Splits a request target's path into percent-decoded segments; a trailing "/" is
+/// ignored and the query is dropped.
+std::vector<std::string> pathSegments(const std::string& target);
+
+class Router {
+ public:
+  using Handler = std::function<void(Call&)>;
+
+  /// @brief Adds a route; "{}" in the pattern matches one non-empty segment.
+  void add(std::string method, std::string_view pattern, Handler handler);
+  /// @brief Runs the matching route and turns its ApiError into the error answer.
+  void dispatch(const httplib::Request& req, httplib::Response& res) const;
+
+ private:
+  struct Route {
+    std::string method;
+    std::vector<std::string> segments;
+    Handler handler;
+  };
+  std::vector<Route> routes_;
+};
+
+}  // namespace jovemu

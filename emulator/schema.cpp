@@ -1,0 +1,99 @@
+#include "schema.hpp"
+
+namespace jovemu {
+
+namespace {
+
+// Every row belongs to one application: applications never see each other's data.
+constexpr const char* kSchemaV1 = R"sql(
+CREATE TABLE apps (
+  app_id   TEXT PRIMARY KEY,
+  app_key  TEXT NOT NULL,
+  created  INTEGER NOT NULL
+);
+CREATE TABLE users (
+  app_id          TEXT NOT NULL,
+  user_id         TEXT NOT NULL,
+  login_name      TEXT,
+  display_name    TEXT,
+  email           TEXT,
+  email_verified  INTEGER NOT NULL DEFAULT 0,
+  email_pending   TEXT,
+  phone           TEXT,
+  phone_verified  INTEGER NOT NULL DEFAULT 0,
+  phone_pending   TEXT,
+  country         TEXT,
+  locale          TEXT,
+  password_hash   TEXT,
+  disabled        INTEGER NOT NULL DEFAULT 0,
+  custom          TEXT NOT NULL DEFAULT '{}',
+  created         INTEGER NOT NULL,
+  modified        INTEGER NOT NULL,
+  PRIMARY KEY (app_id, user_id)
+);
+CREATE INDEX users_login ON users (app_id, login_name COLLATE NOCASE);
+CREATE INDEX users_email ON users (app_id, email COLLATE NOCASE);
+CREATE INDEX users_phone ON users (app_id, phone);
+CREATE TABLE tokens (
+  token       TEXT PRIMARY KEY,
+  app_id      TEXT NOT NULL,
+  user_id     TEXT NOT NULL,
+  kind        TEXT NOT NULL,
+  expires_at  INTEGER
+);
+CREATE INDEX tokens_user ON tokens (app_id, user_id);
+CREATE TABLE groups (
+  app_id    TEXT NOT NULL,
+  group_id  TEXT NOT NULL,
+  name      TEXT NOT NULL,
+  owner     TEXT NOT NULL,
+  created   INTEGER NOT NULL,
+  modified  INTEGER NOT NULL,
+  PRIMARY KEY (app_id, group_id)
+);
+CREATE INDEX groups_owner ON groups (app_id, owner);
+CREATE TABLE group_members (
+  app_id    TEXT NOT NULL,
+  group_id  TEXT NOT NULL,
+  user_id   TEXT NOT NULL,
+  added     INTEGER NOT NULL,
+  PRIMARY KEY (app_id, group_id, user_id)
+);
+CREATE INDEX group_members_user ON group_members (app_id, user_id);
+CREATE TABLE codes (
+  app_id      TEXT NOT NULL,
+  user_id     TEXT NOT NULL,
+  kind        TEXT NOT NULL,
+  code        TEXT NOT NULL,
+  target      TEXT NOT NULL,
+  created_at  INTEGER NOT NULL,
+  used        INTEGER NOT NULL DEFAULT 0,
+  PRIMARY KEY (app_id, user_id, kind)
+);
+CREATE TABLE outbox (
+  seq         INTEGER PRIMARY KEY AUTOINCREMENT,
+  app_id      TEXT NOT NULL,
+  user_id     TEXT NOT NULL,
+  channel     TEXT NOT NULL,
+  kind        TEXT NOT NULL,
+  recipient   TEXT NOT NULL,
+  code        TEXT NOT NULL,
+  created_at  INTEGER NOT NULL
+);
+CREATE INDEX outbox_app ON outbox (app_id, seq);
+PRAGMA user_version = 1;
+)sql";
+
+}  // namespace
+
+void createSchema(Connection& conn) {
+  std::int64_t current = 0;
+  {
+    auto version = conn.prepare("PRAGMA user_version");
+    if (version.step()) current = version.integer(0);
+  }
+  if (current >= 1) return;
+  conn.exec(kSchemaV1);
+}
+
+}  // namespace jovemu

@@ -1,0 +1,66 @@
+// What every route handler shares: the store, the registered applications, the settings, and
+// the checks of the application headers and of bearer tokens.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "app_registry.hpp"
+#include "call.hpp"
+#include "database.hpp"
+#include "router.hpp"
+#include "user_store.hpp"
+
+namespace jovemu {
+
+struct ServiceSettings {
+  std::int64_t tokenTtlSeconds = 86400;
+  /// A password-reset PIN is accepted this long after it was sent.
+  std::int64_t pinLifetimeMs = 10 * 60 * 1000;
+};
+
+class Service {
+ public:
+  Service(Database& db, AppRegistry& apps, ServiceSettings settings)
+      : db(db), apps(apps), settings(settings) {}
+
+  Database& db;
+  AppRegistry& apps;
+  const ServiceSettings settings;
+
+  /// @brief Milliseconds since 1970.
+  static std::int64_t now();
+
+  /// @brief 404 APP_NOT_FOUND unless "X-Jov-AppID"/"X-Jov-AppKey" name the path's application.
+  void requireApp(const Call& call, const std::string& appID) const;
+  /// @brief The user of the request's bearer token: 403 WRONG_TOKEN for an unknown token,
+  /// 401 UNAUTHORIZED for an expired or missing one.
+  UserRow requireUser(const Call& call, Connection& conn, const std::string& appID) const;
+};
+
+/// @brief A service route under "/api/apps/{appID}": the handler runs after the application
+/// check, with the application ID; the route's own "{}" segments start at param(1).
+using ApiHandler = std::function<void(Call&, const std::string& appID)>;
+void addApiRoute(Router& router, const Service& service, std::string method, std::string_view path,
+                 ApiHandler handler);
+
+/// @brief The user a "/users/{id}" path names ("me" is the caller); 404 when unknown.
+UserRow resolveUserPath(Connection& conn, const std::string& appID, const std::string& segment,
+                        const UserRow& caller);
+/// @brief As resolveUserPath, and 403 unless that user is the caller.
+UserRow requireSelf(Connection& conn, const std::string& appID, const std::string& segment,
+                    const UserRow& caller);
+
+void addAuthRoutes(Router& router, Service& service);
+void addUserRoutes(Router& router, Service& service);
+void addPasswordRoutes(Router& router, Service& service);
+void addAddressRoutes(Router& router, Service& service);
+void addGroupRoutes(Router& router, Service& service);
+void addEmulatorRoutes(Router& router, Service& service);
+
+/// @brief Every route of the emulator.
+void addAllRoutes(Router& router, Service& service);
+
+}  // namespace jovemu

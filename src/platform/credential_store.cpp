@@ -1,0 +1,176 @@
+// JovKeyChainWrapper: the logged-in user's record in the credential store, and the choice of
+// the store.
+
+#include "jov/credential_store.hpp"
+
+#include <mutex>
+
+#include "jov/application.hpp"
+#include "jov/encoding.hpp"
+#include "jov/logger.hpp"
+#include "jov/user.hpp"
+
+namespace jov {
+
+namespace {
+
+// The store's messages keep the wide gap they have always had.
+const std::string kGap(40, ' ');
+const std::string kAddMessage = "Unexpected result happends when add item to keychain," + kGap +
+                                "please check Apple Document for detail with the code";
+const std::string kSearchMessage = "Unexpected result happends when searching item to keychain," +
+                                   kGap + "please check Apple Document for detail with the code";
+const std::string kDeleteMessage = "Unexpected result happends when deleting item to keychain," +
+                                   kGap + "please check Apple Document for detail with the code";
+
+struct Selection {
+  std::mutex mutex;
+  std::shared_ptr<JovCredentialStore> store;
+};
+
+Selection& selection() {
+  static auto* s = new Selection();  // leaked: logOut may run while the process exits
+  return *s;
+}
+
+void announce(const JovCredentialStore& store) {
+  JOV_LOG(JovLogInfo, "Credential store: " + store.name());
+}
+
+JovError writeError(const JovCredentialStoreOutcome& outcome) {
+  if (outcome.status == JovCredentialStoreStatus::NotAllowed)
+    return JovError::errorWithCode(JovError::codeKeyChainAccessIsNotAllowed(),
+                                   {{"keychain_error", outcome.code}});
+  return JovError::errorWithCode(JovError::codeUnexpectedKeyChainError(),
+                                 {{"keychain_error", outcome.code}, {"message", kAddMessage}});
+}
+
+Result<std::string> recordOf(const JovUser& user) {
+  nlohmann::json record = user.credentialDictionary();
+  record["appID"] = Jov::appID();
+  record["baseURL"] = Jov::baseURL();
+  auto text = JSONRepresentation(record);
+  if (!text)
+    return JovError::errorWithCode(JovError::codeFailedToArchived(),
+                                   {{"details", "the credentials are not valid UTF-8"}});
+  return *text;
+}
+
+}  // namespace
+
+void JovKeyChainWrapper::setStore(std::shared_ptr<JovCredentialStore> store) {
+  Selection& s = selection();
+  std::lock_guard lock(s.mutex);
+  s.store = std::move(store);
+  if (s.store) announce(*s.store);
+}
+
+std::shared_ptr<JovCredentialStore> JovKeyChainWrapper::store() {
+  Selection& s = selection();
+  std::lock_guard lock(s.mutex);
+  if (!s.store) {
+    s.store = makeSecretServiceCredentialStore();
+    if (!s.store) s.store = makeFileCredentialStore();
+    announce(*s.store);
+  }
+  return s.store;
+}
+
+void JovKeyChainWrapper::useFileStore() {
+  setStore(makeFileCredentialStore());
+}
+
+bool JovKeyChainWrapper::useSecretServiceStore() {
+  auto secret = makeSecretServiceCredentialStore();
+  if (!secret) return false;
+  setStore(std::move(secret));
+  return true;
+}
+
+void JovKeyChainWrapper::useMemoryStore() {
+  setStore(makeMemoryCredentialStore());
+}
+
+Result<void> JovKeyChainWrapper::createJovUser(const JovUser& user, const std::string& service) {
+  auto record = recordOf(user);
+  if (!record) return record.error();
+  auto outcome = store()->add(service, record.value());
+  if (outcome.status == JovCredentialStoreStatus::Duplicate) return updateJovUser(user, service);
+  if (!outcome.ok()) return writeError(outcome);
+  return {};
+}
+
+Result<void> JovKeyChainWrapper::updateJovUser(const JovUser& user, const std::string& service) {
+  auto record = recordOf(user);
+  if (!record) return record.error();
+  auto outcome = store()->update(service, record.value());
+  if (!outcome.ok()) return writeError(outcome);
+  return {};
+}
+
+Result<std::string> JovKeyChainWrapper::searchFirstItemCopyMatchingService(
+    const std::string& service) {
+  std::string blob;
+  auto outcome = store()->read(service, blob);
+  switch (outcome.status) {
+    case JovCredentialStoreStatus::Success:
+      return blob;
+    case JovCredentialStoreStatus::NotFound:
+      return JovError::errorWithCode(JovError::codeNonKeychainItemFound());
+    case JovCredentialStoreStatus::NotAllowed:
+      return JovError::errorWithCode(JovError::codeKeyChainAccessIsNotAllowed(),
+                                     {{"keychain_error", outcome.code}});
+    default:
+      return JovError::errorWithCode(
+          JovError::codeUnexpectedKeyChainError(),
+          {{"keychain_error", outcome.code}, {"message", kSearchMessage}});
+  }
+}
+
+Result<std::shared_ptr<JovUser>> JovKeyChainWrapper::jovUserFromMatchingService(
+    const std::string& service) {
+  auto blob = searchFirstItemCopyMatchingService(service);
+  if (!blob) return blob.error();
+  auto record = JSONValue(blob.value());
+  if (!record || !record->is_object())
+    return JovError::errorWithCode(JovError::codeFailedToUnarchived());
+
+  // A record of another application or server would log in a user that does not exist there.
+  auto appID = jsonString(*record, "appID");
+  auto baseURL = jsonString(*record, "baseURL");
+  const JovError stale = JovError::errorWithCode(JovError::codeValidStoredUserNotFound());
+  if (!appID || *appID != Jov::appID() || !baseURL || *baseURL != Jov::baseURL()) return stale;
+  record->erase("appID");
+  record->erase("baseURL");
+  auto user = JovUser::userWithCredentialDictionary(*record);
+  if (!user) return stale;
+  return user;
+}
+
+Result<void> JovKeyChainWrapper::deleteFromKeychainWithService(const std::string& service) {
+  auto outcome = store()->remove(service);
+  switch (outcome.status) {
+    case JovCredentialStoreStatus::Success:
+      return {};
+    case JovCredentialStoreStatus::NotFound:
+      return JovError::errorWithCode(JovError::codeNonKeychainItemFound());
+    case JovCredentialStoreStatus::NotAllowed:
+      return JovError::errorWithCode(JovError::codeKeyChainAccessIsNotAllowed(),
+                                     {{"keychain_error", outcome.code}});
+    default:
+      return JovError::errorWithCode(JovError::codeUnexpectedKeyChainError(),
+                                     {{"code", outcome.code}, {"details", kDeleteMessage}});
+  }
+}
+
+Result<void> JovKeyChainWrapper::deleteAllKeychainItems() {
+  auto outcome = store()->removeAll();
+  if (outcome.ok() || outcome.status == JovCredentialStoreStatus::NotFound) return {};
+  if (outcome.status == JovCredentialStoreStatus::NotAllowed)
+    return JovError::errorWithCode(JovError::codeKeyChainAccessIsNotAllowed(),
+                                   {{"keychain_error", outcome.code}});
+  return JovError::errorWithCode(JovError::codeUnexpectedKeyChainError(),
+                                 {{"code", outcome.code}, {"details", kDeleteMessage}});
+}
+
+}  // namespace jov

@@ -1,0 +1,206 @@
+// The user's JSON forms: the service's user record, the attributes save sends, the persisted
+// credential dictionary; and the date conversions they share.
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "jov/application.hpp"
+#include "jov/encoding.hpp"
+#include "jov/logger.hpp"
+#include "jov/user.hpp"
+#include "users/user_internal.hpp"
+
+namespace jov {
+
+namespace detail {
+
+using std::chrono::duration;
+using std::chrono::milliseconds;
+using std::chrono::system_clock;
+
+TimePoint distantFuture() {
+  // 2200-01-01: the nanosecond clock of libstdc++ ends in 2262.
+  return TimePoint(std::chrono::seconds(7258118400LL));
+}
+
+TimePoint fromMillis(double millis) {
+  // Whole milliseconds in integers: a double of nanoseconds would not round-trip.
+  if (std::isnan(millis)) return TimePoint();
+  const std::int64_t limit = toMillis(distantFuture());
+  if (millis >= static_cast<double>(limit)) return distantFuture();
+  if (millis <= -static_cast<double>(limit)) return TimePoint(-milliseconds(limit));
+  return TimePoint(milliseconds(std::llround(millis)));
+}
+
+std::int64_t toMillis(TimePoint t) {
+  return std::chrono::duration_cast<milliseconds>(t.time_since_epoch()).count();
+}
+
+TimePoint expiryAfterSeconds(double seconds) {
+  auto now = system_clock::now();
+  const double left = duration<double>(distantFuture() - now).count();
+  if (std::isnan(seconds) || seconds >= left) return distantFuture();
+  if (seconds <= -left) return now;
+  return now + std::chrono::duration_cast<system_clock::duration>(duration<double>(seconds));
+}
+
+std::optional<std::int64_t> requestedTokenExpiry() {
+  // Before begin the request fails with 101; asking Jov for the setting would raise instead.
+  if (Jov::appID().empty()) return std::nullopt;
+  const std::int64_t seconds = Jov::accessTokenExpiration();
+  if (seconds <= 0) return std::nullopt;
+  return toMillis(expiryAfterSeconds(static_cast<double>(seconds)));
+}
+
+}  // namespace detail
+
+namespace {
+
+const std::string* stringValue(const nlohmann::json& v) {
+  return v.is_string() ? v.get_ptr<const std::string*>() : nullptr;
+}
+
+std::optional<JovUser::TimePoint> dateValue(const nlohmann::json& v) {
+  if (!v.is_number()) return std::nullopt;
+  return detail::fromMillis(v.get<double>());
+}
+
+std::optional<JovSocialAccountInfo> socialAccount(JovSocialNetwork provider,
+                                                  const nlohmann::json& v) {
+  if (!v.is_object()) return std::nullopt;
+  std::string socialID;
+  if (auto id = jsonString(v, "id")) {
+    socialID = *id;
+  } else if (auto number = jsonInt64(v, "id")) {
+    socialID = std::to_string(*number);
+  }
+  auto createdAt = v.contains("createdAt") ? dateValue(v["createdAt"]) : std::nullopt;
+  return JovSocialAccountInfo(provider, socialID, createdAt);
+}
+
+}  // namespace
+
+void JovUser::loadFromJSON(const nlohmann::json& record) {
+  if (!record.is_object()) return;
+  // A token refresh on another thread may be storing this user's credentials meanwhile.
+  std::lock_guard lock(mutex_);
+  customInfo_ = nlohmann::json::object();
+  linkedSocialAccounts_.clear();
+
+  for (const auto& [key, value] : record.items()) {
+    // A null value reads as an absent key.
+    if (value.is_null()) continue;
+    const std::string* text = stringValue(value);
+    if (key == "userID" || key == "id") {
+      if (text) uuid_ = *text;
+    } else if (key == "createdAt" || key == "_created") {
+      if (auto t = dateValue(value)) created_ = t;
+    } else if (key == "modifiedAt" || key == "_modified") {
+      if (auto t = dateValue(value)) modified_ = t;
+    } else if (key == "loginName") {
+      if (text) username_ = *text;
+    } else if (key == "displayName") {
+      if (text) displayName_ = *text;
+    } else if (key == "country") {
+      if (text) country_ = *text;
+    } else if (key == "emailAddress") {
+      if (text) email_ = *text;
+    } else if (key == "_emailAddressPending") {
+      if (text) pendingEmail_ = *text;
+    } else if (key == "phoneNumber") {
+      if (text) phoneNumber_ = *text;
+    } else if (key == "_phoneNumberPending") {
+      if (text) pendingPhoneNumber_ = *text;
+    } else if (key == "emailAddressVerified") {
+      if (value.is_boolean()) emailVerified_ = value.get<bool>();
+    } else if (key == "phoneNumberVerified") {
+      if (value.is_boolean()) phoneVerified_ = value.get<bool>();
+    } else if (key == "_disabled") {
+      if (value.is_boolean()) disabled_ = value.get<bool>();
+    } else if (key == "locale") {
+      if (text) {
+        locale_ = *text;
+        std::replace(locale_.begin(), locale_.end(), '_', '-');
+      }
+    } else if (key == "_thirdPartyAccounts") {
+      if (!value.is_object()) continue;
+      for (const auto& [name, account] : value.items()) {
+        auto provider = socialNetworkForProviderName(name);
+        if (!provider) {
+          JOV_LOG(JovLogWarning, "Invalid mapping : " + name);
+          continue;
+        }
+        if (auto info = socialAccount(*provider, account))
+          linkedSocialAccounts_.insert_or_assign(*provider, *info);
+      }
+    } else if (key == "_hasPassword") {
+      // The one reserved key kept: it tells full users from pseudo users (isPseudoUser).
+      customInfo_[key] = value;
+    } else if (key.empty() || key.front() != '_') {
+      customInfo_[key] = value;
+    }
+  }
+}
+
+nlohmann::json JovUser::uploadAttributes() const {
+  nlohmann::json attributes = nlohmann::json::object();
+  // Keys the service reserves ("_hasPassword", "internalUserID") came from its own record and
+  // are not sent back.
+  for (const auto& [key, value] : customInfo_.items())
+    if (validate(value, key)) attributes[key] = value;
+  if (!country_.empty()) attributes["country"] = country_;
+  if (!displayName_.empty()) attributes["displayName"] = displayName_;
+  if (!locale_.empty()) attributes["locale"] = locale_;
+  return attributes;
+}
+
+nlohmann::json JovUser::credentialDictionary() const {
+  std::lock_guard lock(mutex_);
+  nlohmann::json dict = nlohmann::json::object();
+  dict["userID"] = uuid_;
+  dict["accessToken"] = accessToken_;
+  if (accessTokenExpiresAt_)
+    dict["accesstokenExpiresAt"] = detail::toMillis(*accessTokenExpiresAt_);
+  if (!refreshToken_.empty()) dict["refreshToken"] = refreshToken_;
+  auto put = [&dict](const char* key, const std::string& value) {
+    if (!value.empty()) dict[key] = value;
+  };
+  put("username", username_);
+  put("displayName", displayName_);
+  put("email", email_);
+  put("pendingEmail", pendingEmail_);
+  put("phoneNumber", phoneNumber_);
+  put("pendingPhoneNumber", pendingPhoneNumber_);
+  put("country", country_);
+  put("locale", locale_);
+  dict["phoneVerified"] = phoneVerified_;
+  dict["emailVerified"] = emailVerified_;
+  return dict;
+}
+
+JovUser::Ptr JovUser::userWithCredentialDictionary(const nlohmann::json& credentials) {
+  auto userID = jsonString(credentials, "userID");
+  auto token = jsonString(credentials, "accessToken");
+  auto expiry = credentials.is_object() && credentials.contains("accesstokenExpiresAt")
+                    ? dateValue(credentials["accesstokenExpiresAt"])
+                    : std::nullopt;
+  if (!userID || userID->empty() || !token || !expiry) return nullptr;
+
+  auto user = detail::UserAccess::create();
+  user->uuid_ = *userID;
+  user->setTokens(*token, jsonString(credentials, "refreshToken").value_or(""), expiry);
+  user->username_ = jsonString(credentials, "username").value_or("");
+  user->displayName_ = jsonString(credentials, "displayName").value_or("");
+  user->email_ = jsonString(credentials, "email").value_or("");
+  user->pendingEmail_ = jsonString(credentials, "pendingEmail").value_or("");
+  user->phoneNumber_ = jsonString(credentials, "phoneNumber").value_or("");
+  user->pendingPhoneNumber_ = jsonString(credentials, "pendingPhoneNumber").value_or("");
+  user->country_ = jsonString(credentials, "country").value_or("");
+  user->setLocale(jsonString(credentials, "locale").value_or(""));
+  user->phoneVerified_ = jsonBool(credentials, "phoneVerified").value_or(false);
+  user->emailVerified_ = jsonBool(credentials, "emailVerified").value_or(false);
+  return user;
+}
+
+}  // namespace jov

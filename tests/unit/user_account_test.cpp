@@ -1,0 +1,408 @@
+// Account maintenance and lookup against the fake transport: exchanges, checks before any
+// request, and the mapping of the service's answers to error codes.
+#include <gtest/gtest.h>
+
+#include "fake_transport.hpp"
+#include "jov/credential_store.hpp"
+#include "jov/user.hpp"
+#include "jov/user_builder.hpp"
+#include "users/user_internal.hpp"
+
+namespace jov {
+namespace {
+
+using jovtest::Answer;
+using nlohmann::json;
+
+constexpr const char* kService = JovKeyChainWrapper::kUserCredentialsService;
+
+std::string thrownMessage(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const std::invalid_argument& e) {
+    return e.what();
+  }
+  return "no exception";
+}
+
+class UserAccountTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    JovKeyChainWrapper::useMemoryStore();
+    JovUser::logOut();
+  }
+  void TearDown() override { JovUser::logOut(); }
+
+  JovUser::Ptr loginAlice(json extra = json::object()) {
+    json dict = {{"userID", "u1"},
+                 {"accessToken", "t0"},
+                 {"accesstokenExpiresAt", 4102444800000LL},
+                 {"username", "alice"}};
+    dict.update(extra);
+    auto user = JovUser::userWithCredentialDictionary(dict);
+    Jov::setCurrentUser(user);
+    EXPECT_TRUE(JovKeyChainWrapper::createJovUser(*user, kService).ok());
+    return user;
+  }
+  // The error code of a blocking call whose single exchange gets `answer`.
+  int codeFor(const std::string& method, const std::string& path, const Answer& answer,
+              const std::function<Result<void>()>& call) {
+    fake.reset();
+    fake.on(method, path, answer);
+    auto r = call();
+    EXPECT_EQ(fake.count(), 1u) << path;
+    return r.ok() ? -1 : r.error().code();
+  }
+
+  jovtest::TestApp app;
+  jovtest::FakeTransport& fake = *app.fake;
+};
+
+TEST_F(UserAccountTest, RefreshAndSave) {
+  auto user = loginAlice();
+  user->setObject("blue", "color");
+  fake.on("GET", "/users/u1",
+          Answer::json(200, {{"userID", "u1"}, {"loginName", "alice"}, {"displayName", "Al"}}));
+  ASSERT_TRUE(user->refreshSynchronous().ok());
+  EXPECT_EQ(user->displayName(), "Al");
+  EXPECT_FALSE(user->hasObject("color")) << "the record replaces the custom fields";
+  EXPECT_EQ(JovKeyChainWrapper::jovUserFromMatchingService(kService).value()->displayName(), "Al")
+      << "the current user's credentials are stored again";
+
+  fake.on("GET", "/users/u1", Answer::text(200, "null"));
+  EXPECT_EQ(user->refreshSynchronous().error().code(), JovError::codeUnableToParseResponse());
+  EXPECT_EQ(user->displayName(), "Al");
+
+  fake.reset();
+  fake.on("POST", "/users/u1", Answer::json(200, {{"modifiedAt", 1700000000000LL}}));
+  user->setObject(3, "level");
+  user->setCountry("JP");
+  ASSERT_TRUE(user->saveSynchronous().ok());
+  auto sent = fake.last();
+  EXPECT_EQ(sent.header("Content-type"), "application/vnd.jov.UserUpdateRequest+json");
+  EXPECT_EQ(sent.header("Authorization"), "Bearer t0");
+  EXPECT_EQ(sent.json(), json({{"level", 3}, {"country", "JP"}, {"displayName", "Al"}}));
+  EXPECT_EQ(user->getObjectForKey("level"), json(3)) << "what was saved stays";
+  EXPECT_TRUE(user->modified());
+
+  // A user without an ID has nothing to refresh, save or delete.
+  fake.reset();
+  auto unsaved = JovUser::userWithUsername("bob", "pass1234");
+  EXPECT_EQ(unsaved->refreshSynchronous().error().code(), JovError::codeInvalidObjects());
+  EXPECT_EQ(unsaved->saveSynchronous().error().code(), JovError::codeInvalidObjects());
+  EXPECT_EQ(unsaved->deleteSynchronous().error().code(), JovError::codeInvalidObjects());
+  EXPECT_EQ(fake.count(), 0u);
+}
+
+TEST_F(UserAccountTest, PasswordChangeLogsInAgain) {
+  auto user = loginAlice();
+  EXPECT_EQ(user->updatePasswordSynchronous("pass1234", "abc").error().code(),
+            JovError::codeInvalidPasswordFormat());
+  EXPECT_EQ(fake.count(), 0u);
+
+  fake.on("PUT", "/users/u1/password", Answer::text(204, ""));
+  fake.on("POST", "/oauth2/token",
+          Answer::json(200, {{"id", "u1"}, {"access_token", "t2"}, {"expires_in", 3600}}));
+  fake.on("GET", "/users/u1", Answer::json(200, {{"userID", "u1"}, {"loginName", "alice"}}));
+  ASSERT_TRUE(user->updatePasswordSynchronous("pass1234", "newpass99").ok());
+  auto sent = fake.requests();
+  ASSERT_EQ(sent.size(), 3u);
+  EXPECT_EQ(sent[0].header("Content-type"), "application/vnd.jov.ChangePasswordRequest+json");
+  EXPECT_EQ(sent[0].json(), json({{"oldPassword", "pass1234"}, {"newPassword", "newpass99"}}));
+  EXPECT_EQ(sent[1].json(), json({{"password", "newpass99"}, {"username", "alice"}}));
+  EXPECT_EQ(sent[2].header("Authorization"), "Bearer t2");
+  EXPECT_EQ(JovUser::currentUser(), user);
+  EXPECT_FALSE(user->passwordChanged());
+
+  // A failed login with the new password: 302, and nobody is logged in.
+  fake.on("POST", "/oauth2/token", Answer::serviceError(500, "BOOM"));
+  auto r = user->updatePasswordSynchronous("newpass99", "newpass77");
+  EXPECT_EQ(r.error().code(), JovError::codeUnableToAuthenticateUser());
+  EXPECT_FALSE(JovUser::loggedIn());
+}
+
+TEST_F(UserAccountTest, ResetPasswordRequest) {
+  EXPECT_EQ(
+      thrownMessage([] { JovUser::resetPasswordSynchronous("", JovNotificationMethodEmail); }),
+      "userIdentifier can not be nil or empty string");
+  EXPECT_EQ(thrownMessage([] {
+              JovUser::resetPasswordSynchronous("a@b.c", static_cast<JovNotificationMethod>(3));
+            }),
+            "Invalid notificationMethod value");
+  EXPECT_EQ(thrownMessage([] {
+              JovUser::resetPasswordAsync("a@b.c", static_cast<JovNotificationMethod>(-1));
+            }),
+            "Invalid notificationMethod value");
+  EXPECT_EQ(JovUser::resetPasswordSynchronous("alice", JovNotificationMethodEmail).error().code(),
+            JovError::codeInvalidUserIdentifier());
+  EXPECT_EQ(
+      JovUser::resetPasswordSynchronous("09012345678", JovNotificationMethodSMS).error().code(),
+      JovError::codeInvalidUserIdentifier())
+      << "a local number is not an identifier";
+  EXPECT_EQ(fake.count(), 0u);
+
+  loginAlice();  // the request is anonymous even with a user logged in
+  const std::tuple<std::string, JovNotificationMethod, std::string, json> cases[] = {
+      {"a@example.com",
+       JovNotificationMethodEmail,
+       "/users/EMAIL%3Aa%40example.com",
+       {{"notificationMethod", "EMAIL"}}},
+      {"+819012345678",
+       JovNotificationMethodSMS,
+       "/users/PHONE%3A%2B819012345678",
+       {{"notificationMethod", "SMS"}}},
+      {"+819012345678",
+       JovNotificationMethodSMSPin,
+       "/users/PHONE%3A%2B819012345678",
+       {{"notificationMethod", "SMS"}, {"smsResetMethod", "PIN"}}},
+  };
+  for (const auto& [identifier, method, path, body] : cases) {
+    fake.reset();
+    fake.on("POST", path + "/password/request-reset", Answer::text(204, ""));
+    ASSERT_TRUE(JovUser::resetPasswordSynchronous(identifier, method).ok()) << path;
+    auto sent = fake.last();
+    EXPECT_EQ(sent.header("Content-type"), "application/vnd.jov.ResetPasswordRequest+json");
+    EXPECT_FALSE(sent.header("Authorization"));
+    EXPECT_EQ(sent.json(), body);
+  }
+
+  const std::string path = "/users/EMAIL%3Aa%40example.com/password/request-reset";
+  auto reset = [] {
+    return JovUser::resetPasswordSynchronous("a@example.com", JovNotificationMethodEmail);
+  };
+  EXPECT_EQ(codeFor("POST", path, Answer::serviceError(400, "INVALID_INPUT_DATA"), reset),
+            JovError::codeInvalidUserIdentifier());
+  EXPECT_EQ(codeFor("POST", path, Answer::serviceError(404, "USER_NOT_FOUND"), reset),
+            JovError::codeUserNotFound());
+  EXPECT_EQ(codeFor("POST", path, Answer::serviceError(409, "INVALID_STATUS"), reset),
+            JovError::codeInvalidUserStatus());
+  EXPECT_EQ(codeFor("POST", path, Answer::serviceError(400, "OTHER"), reset), 0);
+  EXPECT_EQ(codeFor("POST", path, Answer::error(), reset),
+            JovError::codeUnableToConnectToInternet());
+
+  // The older form: e-mail only, no body.
+  fake.reset();
+  fake.on("POST", "/users/EMAIL:a%40example.com/password/request-reset", Answer::text(204, ""));
+  ASSERT_TRUE(JovUser::resetPasswordSynchronous("a@example.com").ok());
+  EXPECT_EQ(fake.last().body, "");
+  EXPECT_EQ(JovUser::resetPasswordSynchronous("not-mail").error().code(),
+            JovError::codeInvalidEmailFormat());
+  EXPECT_EQ(fake.count(), 1u);
+}
+
+TEST_F(UserAccountTest, CompleteResetPassword) {
+  auto complete = [](std::string pin, std::optional<std::string> password) {
+    return [pin, password] {
+      return JovUser::completeResetPasswordSynchronous("+819012345678", pin, password);
+    };
+  };
+  EXPECT_EQ(complete("", "newpass1")().error().code(), JovError::codeInvalidPinCode());
+  EXPECT_EQ(JovUser::completeResetPasswordSynchronous("bob", "1234", std::nullopt).error().code(),
+            JovError::codeInvalidUserIdentifier());
+  EXPECT_EQ(complete("1234", "abc")().error().code(), JovError::codeInvalidPasswordFormat());
+  EXPECT_EQ(fake.count(), 0u);
+
+  const std::string path = "/users/PHONE%3A%2B819012345678/password/complete-reset";
+  fake.on("POST", path, Answer::text(204, ""));
+  ASSERT_TRUE(complete("1234", "newpass1")().ok());
+  auto sent = fake.last();
+  EXPECT_EQ(sent.header("Content-type"), "application/vnd.jov.CompletePasswordResetRequest+json");
+  EXPECT_EQ(sent.json(), json({{"pinCode", "1234"}, {"newPassword", "newpass1"}}));
+  ASSERT_TRUE(complete("1234", std::nullopt)().ok());
+  EXPECT_EQ(fake.last().json(), json({{"pinCode", "1234"}}));
+
+  const std::pair<Answer, int> cases[] = {
+      {Answer::serviceError(400, "INVALID_INPUT_DATA",
+                            "There are validation errors: password - too short"),
+       JovError::codeInvalidPasswordFormat()},
+      {Answer::serviceError(400, "INVALID_INPUT_DATA",
+                            "The new password cannot be the same as the old one"),
+       JovError::codeNewPasswordIsSameAsOldOne()},
+      {Answer::serviceError(400, "INVALID_INPUT_DATA",
+                            "There are validation errors: newPassword - required"),
+       JovError::codePasswordRequired()},
+      {Answer::serviceError(400, "INVALID_INPUT_DATA", "something else"), 0},
+      {Answer::serviceError(400, "PASSWORD_TOO_SHORT"), JovError::codeInvalidPasswordFormat()},
+      {Answer::serviceError(403, "INVALID_VERIFICATION_CODE"), JovError::codeInvalidPinCode()},
+      {Answer::serviceError(409, "INVALID_STATUS"), JovError::codeInvalidUserStatus()},
+      {Answer::serviceError(410, "PIN_CODE_EXPIRED"), JovError::codePINCodeIsExpired()},
+      {Answer::serviceError(404, "PIN_CODE_EXPIRED"), 0},
+  };
+  for (const auto& [answer, code] : cases)
+    EXPECT_EQ(codeFor("POST", path, answer, complete("1234", "newpass1")), code) << answer.body;
+  EXPECT_EQ(JovError::codePINCodeIsExpired(), 344);
+}
+
+TEST_F(UserAccountTest, EmailAndPhoneChangesAndVerification) {
+  auto user = loginAlice();
+  EXPECT_EQ(user->changeEmailSynchronous("nope").error().code(),
+            JovError::codeInvalidEmailFormat());
+  EXPECT_EQ(user->changePhoneSynchronous("12-34").error().code(),
+            JovError::codeInvalidPhoneFormat());
+  EXPECT_EQ(fake.count(), 0u);
+
+  struct Case {
+    std::string method, path, contentType;
+    json body;
+    std::function<Result<void>()> call;
+    int failure;
+  };
+  const Case cases[] = {
+      {"PUT",
+       "/users/u1/email-address",
+       "application/vnd.jov.EmailAddressModificationRequest+json",
+       {{"emailAddress", "new@example.com"}},
+       [user] { return user->changeEmailSynchronous("new@example.com"); },
+       JovError::codeUnableToUpdateEmail()},
+      {"PUT",
+       "/users/u1/phone-number",
+       "application/vnd.jov.PhoneNumberModificationRequest+json",
+       {{"phoneNumber", "+819012345678"}},
+       [user] { return user->changePhoneSynchronous("+819012345678"); },
+       JovError::codeUnableToUpdatePhoneNumber()},
+      {"POST",
+       "/users/u1/phone-number/verify",
+       "application/vnd.jov.AddressVerificationRequest+json",
+       {{"verificationCode", "123456"}},
+       [user] { return user->verifyPhoneNumberSynchronous("123456"); },
+       JovError::codeUnableToVerifyUser()},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(codeFor(c.method, c.path, Answer::text(204, ""), c.call), -1) << c.path;
+    EXPECT_EQ(fake.last().header("Content-type"), c.contentType);
+    EXPECT_EQ(fake.last().json(), c.body);
+    EXPECT_EQ(codeFor(c.method, c.path, Answer::serviceError(400, "INVALID_INPUT_DATA"), c.call),
+              c.failure);
+    EXPECT_EQ(codeFor(c.method, c.path, Answer::error(), c.call),
+              JovError::codeUnableToConnectToInternet());
+  }
+  EXPECT_TRUE(user->phoneVerified());
+
+  for (const char* kind : {"email-address", "phone-number"}) {
+    fake.reset();
+    fake.on("POST", std::string("/users/u1/") + kind + "/resend-verification",
+            Answer::text(204, ""));
+    auto r = std::string(kind) == "email-address"
+                 ? user->resendEmailVerificationSynchronous()
+                 : user->resendPhoneNumberVerificationSynchronous();
+    EXPECT_TRUE(r.ok()) << kind;
+    EXPECT_EQ(fake.count(), 1u);
+  }
+}
+
+TEST_F(UserAccountTest, IdentityUpdatesOfTheLoggedInUser) {
+  auto stranger = JovUser::userWithID("u2");
+  auto identity = JovIdentityDataBuilder().setEmail("new@example.com").build();
+  EXPECT_EQ(stranger->updateWithIdentityDataSynchronous(identity, {}).error().code(),
+            JovError::codeNonLoggedInUserIsNotAllowed());
+  EXPECT_EQ(stranger->putIdentityDataSynchronous(identity, {}, "pass1234").error().code(),
+            JovError::codeNonLoggedInUserIsNotAllowed());
+
+  auto user = loginAlice();
+  auto local = JovIdentityDataBuilder().setPhoneNumber("09012345678").build();
+  EXPECT_EQ(user->putIdentityDataSynchronous(local, {}, "pass1234").error().code(),
+            JovError::codeLocalPhoneRequiresCountryCode());
+  EXPECT_EQ(user->putIdentityDataSynchronous(identity, {}, "ab").error().code(),
+            JovError::codeInvalidPasswordFormat());
+  EXPECT_EQ(user->updateWithIdentityDataSynchronous(JovIdentityData(), {}).error().code(),
+            JovError::codeInvalidUserObject());
+  EXPECT_EQ(fake.count(), 0u);
+
+  // A full user updates its identity; a removed key leaves the request and the user.
+  fake.on("GET", "/users/u1",
+          Answer::json(200, {{"userID", "u1"}, {"loginName", "alice"}, {"old", 1}, {"keep", 2}}));
+  fake.on("POST", "/users/me", Answer::text(204, ""));
+  JovUserFields fields;
+  fields.setDisplayName("Alice");
+  fields.removeFromServer("old");
+  ASSERT_TRUE(user->updateWithIdentityDataSynchronous(identity, fields).ok());
+  auto sent = fake.last();
+  EXPECT_EQ(sent.path(), "/users/me");
+  EXPECT_EQ(sent.header("Content-type"), "application/vnd.jov.UserUpdateRequest+json");
+  EXPECT_EQ(sent.json(),
+            json({{"keep", 2}, {"emailAddress", "new@example.com"}, {"displayName", "Alice"}}));
+  EXPECT_EQ(user->email(), "new@example.com");
+  EXPECT_FALSE(user->hasObject("old"));
+  EXPECT_EQ(user->displayName(), "Alice");
+
+  fake.on("POST", "/users/me", Answer::serviceError(409, "USER_ALREADY_EXISTS"));
+  EXPECT_EQ(user->updateWithUserFieldsSynchronous(fields).error().code(),
+            JovError::codeDuplicateEntry());
+  fake.on("POST", "/users/me", Answer::serviceError(404, "USER_NOT_FOUND"));
+  EXPECT_EQ(user->updateWithUserFieldsSynchronous(fields).error().code(),
+            JovError::codeUserNotFound());
+  // A full user cannot be upgraded; a pseudo user cannot be updated.
+  EXPECT_EQ(user->putIdentityDataSynchronous(identity, {}, "pass1234").error().code(),
+            JovError::codeInvalidUserObject());
+
+  fake.reset();
+  fake.on("GET", "/users/u1", Answer::json(200, {{"userID", "u1"}, {"color", "red"}}));
+  fake.on("POST", "/users/me", Answer::text(204, ""));
+  auto pseudo = JovUser::userWithCredentialDictionary(
+      {{"userID", "u1"}, {"accessToken", "pt"}, {"accesstokenExpiresAt", 4102444800000LL}});
+  Jov::setCurrentUser(pseudo);
+  EXPECT_EQ(pseudo->updateWithUserFieldsSynchronous(fields).error().code(),
+            JovError::codePseudoUserIsNotAllowed());
+  EXPECT_EQ(fake.count("POST", "/users/me"), 0u);
+
+  // The upgrade: the record is read first, then identifiers and password are sent.
+  JovUserFields country;
+  country.setCountry("JP");
+  ASSERT_TRUE(pseudo->putIdentityDataSynchronous(local, country, "pass1234").ok());
+  EXPECT_EQ(fake.last().json(), json({{"color", "red"},
+                                      {"phoneNumber", "09012345678"},
+                                      {"country", "JP"},
+                                      {"password", "pass1234"}}));
+  EXPECT_FALSE(pseudo->isPseudoUser());
+  EXPECT_EQ(pseudo->phoneNumber(), "09012345678");
+  EXPECT_EQ(pseudo->country(), "JP");
+  EXPECT_FALSE(pseudo->hasObject("password"));
+}
+
+TEST_F(UserAccountTest, DeleteEndsTheLogin) {
+  auto user = loginAlice();
+  fake.on("DELETE", "/users/u1", Answer::serviceError(404, "USER_NOT_FOUND"));
+  EXPECT_FALSE(user->deleteSynchronous().ok());
+  EXPECT_TRUE(JovUser::loggedIn()) << "a failed delete changes nothing";
+
+  fake.on("DELETE", "/users/u1", Answer::text(204, ""));
+  ASSERT_TRUE(user->deleteSynchronous().ok());
+  EXPECT_FALSE(JovUser::loggedIn());
+  EXPECT_EQ(JovKeyChainWrapper::searchFirstItemCopyMatchingService(kService).error().code(),
+            JovError::codeNonKeychainItemFound());
+}
+
+TEST_F(UserAccountTest, Lookups) {
+  EXPECT_EQ(JovUser::findUserByUsernameSynchronous("a").error().code(),
+            JovError::codeInvalidUsername());
+  EXPECT_EQ(JovUser::findUserByEmailSynchronous("a").error().code(),
+            JovError::codeInvalidEmailFormat());
+  EXPECT_EQ(JovUser::findUserByPhoneSynchronous("+12").error().code(),
+            JovError::codeInvalidPhoneFormat());
+  EXPECT_EQ(fake.count(), 0u);
+
+  loginAlice();
+  const std::pair<std::function<Result<JovUser::Ptr>()>, std::string> cases[] = {
+      {[] { return JovUser::findUserByUsernameSynchronous("bob"); }, "/users/LOGIN_NAME:bob"},
+      {[] { return JovUser::findUserByEmailSynchronous("b@example.com"); },
+       "/users/EMAIL:b%40example.com"},
+      {[] { return JovUser::findUserByPhoneSynchronous("+819012345678"); },
+       "/users/PHONE:%2B819012345678"},
+  };
+  for (const auto& [find, path] : cases) {
+    fake.reset();
+    fake.on("GET", path, Answer::json(200, {{"userID", "u2"}, {"loginName", "bob"}}));
+    auto r = find();
+    ASSERT_TRUE(r.ok()) << path;
+    EXPECT_EQ(r.value()->userID(), "u2");
+    EXPECT_EQ(r.value()->username(), "bob");
+    EXPECT_EQ(fake.last().header("Authorization"), "Bearer t0");
+    EXPECT_NE(JovUser::currentUser(), r.value());
+  }
+  fake.on("GET", "/users/LOGIN_NAME:bob", Answer::text(200, "\"bob\""));
+  EXPECT_EQ(JovUser::findUserByUsernameSynchronous("bob").error().code(),
+            JovError::codeUnableToParseResponse());
+}
+
+}  // namespace
+}  // namespace jov
