@@ -31,7 +31,8 @@ nlohmann::json rawExchange(CURL* h, const std::string& method, const std::string
   headers = curl_slist_append(headers, ("X-Jov-AppID: " + gApp).c_str());
   headers = curl_slist_append(headers, ("X-Jov-AppKey: " + gKey).c_str());
   headers = curl_slist_append(headers, ("Content-Type: " + contentType).c_str());
-  if (!token.empty()) headers = curl_slist_append(headers, ("Authorization: Bearer " + token).c_str());
+  if (!token.empty())
+    headers = curl_slist_append(headers, ("Authorization: Bearer " + token).c_str());
   curl_easy_setopt(h, CURLOPT_URL, url.c_str());
   curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers);
   curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, method.c_str());
@@ -52,8 +53,9 @@ void setUp() {
   rawExchange(h, "POST", apps + "/users",
               nlohmann::json{{"loginName", name}, {"password", "benchpass"}}.dump(), "",
               "application/vnd.jov.RegistrationRequest+json");
-  auto token = rawExchange(h, "POST", apps + "/oauth2/token",
-                           nlohmann::json{{"username", name}, {"password", "benchpass"}}.dump(), "");
+  auto token =
+      rawExchange(h, "POST", apps + "/oauth2/token",
+                  nlohmann::json{{"username", name}, {"password", "benchpass"}}.dump(), "");
   gToken = token.value("access_token", "");
   gUserID = token.value("id", "");
   curl_easy_cleanup(h);

@@ -4,10 +4,10 @@
 // the data directory and the session in the library's credential store; later commands restore
 // that session and work as that user.
 
-#include <CLI/CLI.hpp>
 #include <termios.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -26,7 +26,9 @@ struct Options {
   bool json = false;
 };
 
-std::filesystem::path profilePath() { return jov::Jov::dataDirectory() / "cli-profile.json"; }
+std::filesystem::path profilePath() {
+  return jov::Jov::dataDirectory() / "cli-profile.json";
+}
 
 // Reads a password from the terminal without echo, or a line from a pipe.
 std::string readPassword(const std::string& prompt) {
@@ -93,8 +95,8 @@ void begin(Options& o, bool saveProfile) {
     std::filesystem::create_directories(jov::Jov::dataDirectory());
     std::ofstream(profilePath()) << json{{"url", o.url}, {"app", o.app}, {"key", o.key}}.dump(2);
     // The application key is not for other users of the machine.
-    std::filesystem::permissions(profilePath(), std::filesystem::perms::owner_read |
-                                                    std::filesystem::perms::owner_write);
+    std::filesystem::permissions(
+        profilePath(), std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
   }
 }
 
@@ -220,9 +222,9 @@ int main(int argc, char** argv) {
   list->add_flag("--member", memberOf, "Groups you are a member of");
   list->callback([&] {
     auto user = session(o);
-    auto groups = check(memberOf ? user->memberOfGroupsSynchronous()
-                                 : user->ownerOfGroupsSynchronous(),
-                        "listing failed");
+    auto groups =
+        check(memberOf ? user->memberOfGroupsSynchronous() : user->ownerOfGroupsSynchronous(),
+              "listing failed");
     json all = json::array();
     std::string text;
     for (const auto& g : groups) {
@@ -235,7 +237,8 @@ int main(int argc, char** argv) {
   show->add_option("group", groupID)->required();
   show->callback([&] {
     session(o);
-    auto users = check(JovGroup::groupWithID(groupID)->getMemberListSynchronous(), "listing failed");
+    auto users =
+        check(JovGroup::groupWithID(groupID)->getMemberListSynchronous(), "listing failed");
     json all = json::array();
     std::string text;
     for (const auto& u : users) {

@@ -2,12 +2,11 @@
 /// @file
 /// @brief Jov: the process-wide entry point (application ID and key, site, settings, current user).
 
-#include <nlohmann/json.hpp>
-
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>

@@ -1,11 +1,11 @@
 #pragma once
 /// @file
-/// @brief Error values (JovError), the library's exceptions and the per-exchange error handler base.
-
-#include <nlohmann/json.hpp>
+/// @brief Error values (JovError), the library's exceptions and the per-exchange error handler
+/// base.
 
 #include <functional>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -50,7 +50,9 @@ class JovError {
   bool operator==(const JovError& other) const = default;
 
 #define JOV_DECLARE_CODE_OPERATION(number, name, description) \
-  static constexpr int name() { return number; }
+  static constexpr int name() {                               \
+    return number;                                            \
+  }
 #define JOV_NO_OPERATION jovCodeWithoutOperation512
   JOV_ERROR_CODES(JOV_DECLARE_CODE_OPERATION)
 #undef JOV_NO_OPERATION

@@ -30,8 +30,8 @@ class JovLogger {
 }  // namespace jov
 
 /// Logs through JovLogger; the message expression is evaluated only when the level is enabled.
-#define JOV_LOG(level, message)                                                 \
-  do {                                                                          \
-    if (::jov::JovLogger::enabled(level))                                       \
+#define JOV_LOG(level, message)                                                      \
+  do {                                                                               \
+    if (::jov::JovLogger::enabled(level))                                            \
       ::jov::JovLogger::jovLogger((level), __FILE__, __func__, __LINE__, (message)); \
   } while (0)

@@ -2,11 +2,10 @@
 /// @file
 /// @brief JovRequest: one REST exchange with the service.
 
-#include <nlohmann/json.hpp>
-
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -69,10 +68,10 @@ class JovRequest {
   static std::string trimHttpBodyString(const std::string& body);
 
   // What to send. Plain fields: a request lives for one exchange on one thread.
-  bool authenticating = false;   ///< @brief True for the login exchange ("/oauth2/token").
-  bool anonymous = false;        ///< @brief True: no "Authorization" header of the current user.
-  std::int32_t requestMethod = JovMethodDefault;  ///< @brief The method number.
-  std::string requestPath;       ///< @brief The full URL.
+  bool authenticating = false;  ///< @brief True for the login exchange ("/oauth2/token").
+  bool anonymous = false;       ///< @brief True: no "Authorization" header of the current user.
+  std::int32_t requestMethod = JovMethodDefault;                      ///< @brief The method number.
+  std::string requestPath;                                            ///< @brief The full URL.
   std::optional<nlohmann::json> postData = nlohmann::json::object();  ///< @brief JSON body.
   std::optional<std::string> plainText;  ///< @brief Literal body text (used with PUT only).
   std::optional<std::string> content;    ///< @brief "Content-type"; "application/json" when unset.
@@ -80,11 +79,11 @@ class JovRequest {
   JovHeaders customHeaders;              ///< @brief Extra headers, added in order.
   std::optional<std::string> fileData;   ///< @brief Raw body bytes.
   std::optional<std::filesystem::path> uploadFilePath;  ///< @brief Raw body streamed from a file.
-  std::int64_t uploadFileSize = 0;       ///< @brief Length of the raw body once attached.
+  std::int64_t uploadFileSize = 0;  ///< @brief Length of the raw body once attached.
   std::optional<std::filesystem::path> downloadPath;  ///< @brief A 2xx body goes to this file.
-  bool isChunkDownload = false;          ///< @brief With downloadPath: keep the body in memory.
-  std::string chunkDownloadData;         ///< @brief The body of a chunk download.
-  JovHeaders responseHeaders;            ///< @brief Response headers of the last execution.
+  bool isChunkDownload = false;   ///< @brief With downloadPath: keep the body in memory.
+  std::string chunkDownloadData;  ///< @brief The body of a chunk download.
+  JovHeaders responseHeaders;     ///< @brief Response headers of the last execution.
 
  private:
   JovRequest() = default;

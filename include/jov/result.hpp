@@ -32,16 +32,28 @@ class Result {
   explicit operator bool() const noexcept { return ok(); }
 
   /// @brief The value; raises JovBadResultAccess on a failed result.
-  T& value() & { check(true); return std::get<0>(state_); }
+  T& value() & {
+    check(true);
+    return std::get<0>(state_);
+  }
   /// @brief The value; raises JovBadResultAccess on a failed result.
-  const T& value() const& { check(true); return std::get<0>(state_); }
+  const T& value() const& {
+    check(true);
+    return std::get<0>(state_);
+  }
   /// @brief The value, moved out; raises JovBadResultAccess on a failed result.
-  T&& value() && { check(true); return std::get<0>(std::move(state_)); }
+  T&& value() && {
+    check(true);
+    return std::get<0>(std::move(state_));
+  }
   /// @brief The value, or the fallback on a failed result.
   T valueOr(T fallback) const& { return ok() ? std::get<0>(state_) : std::move(fallback); }
 
   /// @brief The error; raises JovBadResultAccess on a successful result.
-  const JovError& error() const { check(false); return std::get<1>(state_); }
+  const JovError& error() const {
+    check(false);
+    return std::get<1>(state_);
+  }
   /// @brief The error, or nothing on success.
   std::optional<JovError> errorIfAny() const {
     return ok() ? std::nullopt : std::optional<JovError>(std::get<1>(state_));

@@ -20,12 +20,12 @@ namespace {
 
 // One API host per site, indexed by the site value.
 constexpr const char* kSiteHosts[] = {
-    "api-us.jovcloud.com", "api-jp.jovcloud.com",  "api-cn.jovcloud.cn",
+    "api-us.jovcloud.com", "api-jp.jovcloud.com", "api-cn.jovcloud.cn",
     "api-sg.jovcloud.com", "api-cn3.jovcloud.cn", "api-eu.jovcloud.com",
 };
 constexpr const char* kSiteCodes[] = {"us", "jp", "cn", "sg", "cn3", "eu"};
 // The order in which a base URL's host is compared with the site hosts.
-constexpr JovSite kHostMatchOrder[] = {JovSiteJP, JovSiteUS, JovSiteCN,
+constexpr JovSite kHostMatchOrder[] = {JovSiteJP, JovSiteUS,  JovSiteCN,
                                        JovSiteSG, JovSiteCN3, JovSiteEU};
 constexpr const char* kAppsDomain = "apps.jovcloud.com";
 
@@ -160,8 +160,12 @@ std::string Jov::jovAppsBaseURL() {
   return state().jovAppsBaseURL;
 }
 
-std::string Jov::getSDKVersion() { return "2.7.8"; }
-std::string Jov::getBuildNumber() { return std::to_string(1); }
+std::string Jov::getSDKVersion() {
+  return "2.7.8";
+}
+std::string Jov::getBuildNumber() {
+  return std::to_string(1);
+}
 
 std::string Jov::sdkClientInfo() {
   static const std::string info = [] {
@@ -172,19 +176,25 @@ std::string Jov::sdkClientInfo() {
   return info;
 }
 
-void Jov::setLogLevel(std::int32_t level) { state().logLevel = level; }
-std::int32_t Jov::logLevel() { return state().logLevel; }
+void Jov::setLogLevel(std::int32_t level) {
+  state().logLevel = level;
+}
+std::int32_t Jov::logLevel() {
+  return state().logLevel;
+}
 
 void Jov::setAccessTokenExpiration(std::int64_t seconds) {
   if (seconds < 0) throw std::invalid_argument("expriresIn should be positive number");
   if (appID().empty())
-    JovIllegalStateException::raiseJovInitializationIsNotCalled("Jov initialization is not called.");
+    JovIllegalStateException::raiseJovInitializationIsNotCalled(
+        "Jov initialization is not called.");
   state().accessTokenExpiration = seconds;
 }
 
 std::int64_t Jov::accessTokenExpiration() {
   if (appID().empty())
-    JovIllegalStateException::raiseJovInitializationIsNotCalled("Jov initialization is not called.");
+    JovIllegalStateException::raiseJovInitializationIsNotCalled(
+        "Jov initialization is not called.");
   return state().accessTokenExpiration;
 }
 
@@ -201,7 +211,8 @@ void Jov::setAPNSDeviceToken(const std::optional<std::vector<std::uint8_t>>& tok
     char buffer[65];
     const auto& b = *token;
     for (int word = 0; word < 8; ++word) {
-      std::uint32_t v = (std::uint32_t{b[word * 4]} << 24) | (std::uint32_t{b[word * 4 + 1]} << 16) |
+      std::uint32_t v = (std::uint32_t{b[word * 4]} << 24) |
+                        (std::uint32_t{b[word * 4 + 1]} << 16) |
                         (std::uint32_t{b[word * 4 + 2]} << 8) | std::uint32_t{b[word * 4 + 3]};
       std::snprintf(buffer + word * 8, 9, "%08x", v);
     }
@@ -216,7 +227,9 @@ std::string Jov::deviceToken() {
   return state().deviceToken;
 }
 
-bool Jov::isDevelopmentMode() { return state().developmentMode; }
+bool Jov::isDevelopmentMode() {
+  return state().developmentMode;
+}
 
 std::shared_ptr<JovUser> Jov::currentUser() {
   std::shared_lock lock(state().mutex);
@@ -326,8 +339,12 @@ std::filesystem::path Jov::caFile() {
   return state().caFile;
 }
 
-void Jov::setWorkerPoolSize(std::size_t threads) { state().workerPoolSize = threads ? threads : 1; }
-std::size_t Jov::workerPoolSize() { return state().workerPoolSize; }
+void Jov::setWorkerPoolSize(std::size_t threads) {
+  state().workerPoolSize = threads ? threads : 1;
+}
+std::size_t Jov::workerPoolSize() {
+  return state().workerPoolSize;
+}
 
 void detail::setSessionHooks(std::shared_ptr<SessionHooks> hooks) {
   std::unique_lock lock(Jov::state().mutex);

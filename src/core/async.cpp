@@ -84,8 +84,8 @@ class MainQueue {
   }
 
   // Runs completions until `count` ran, `deadline` passed, or (poll) nothing is ready.
-  std::size_t drain(std::size_t count, std::chrono::steady_clock::time_point deadline,
-                    bool wait, bool untilStopped) {
+  std::size_t drain(std::size_t count, std::chrono::steady_clock::time_point deadline, bool wait,
+                    bool untilStopped) {
     std::size_t ran = 0;
     std::unique_lock lock(mutex_);
     if (untilStopped) stopped_ = false;
@@ -185,13 +185,21 @@ void JovMainQueue::run() {
   mainQueue().drain(SIZE_MAX, std::chrono::steady_clock::time_point::max(), true, true);
 }
 
-void JovMainQueue::stop() { mainQueue().stop(); }
+void JovMainQueue::stop() {
+  mainQueue().stop();
+}
 
-void JovMainQueue::setExecutor(Executor executor) { mainQueue().setExecutor(std::move(executor)); }
+void JovMainQueue::setExecutor(Executor executor) {
+  mainQueue().setExecutor(std::move(executor));
+}
 
-std::size_t JovMainQueue::pending() { return mainQueue().pending(); }
+std::size_t JovMainQueue::pending() {
+  return mainQueue().pending();
+}
 
-bool JovMainQueue::isDrainingThread() { return MainQueue::draining; }
+bool JovMainQueue::isDrainingThread() {
+  return MainQueue::draining;
+}
 
 void JovUtilities::performRequestMethod(bool async, std::function<void()> work) {
   if (async) {

@@ -43,7 +43,9 @@ void deliver(const JovBlock<T>& block, Result<T>& result) {
   else
     block(T{}, result.error());
 }
-inline void deliver(const JovBlock<>& block, Result<void>& result) { block(result.errorIfAny()); }
+inline void deliver(const JovBlock<>& block, Result<void>& result) {
+  block(result.errorIfAny());
+}
 template <class E>
 void deliver(const JovBlock<std::shared_ptr<E>>& block, SelfResult<E>& result) {
   block(result.self, result.error);
@@ -76,9 +78,8 @@ void runBlock(Work work, typename BlockFor<std::invoke_result_t<Work&>>::type bl
           return local();
         }());
         if (!block) return;
-        JovMainQueue::post([result = std::move(result), block = std::move(block)]() {
-          deliver(block, *result);
-        });
+        JovMainQueue::post(
+            [result = std::move(result), block = std::move(block)]() { deliver(block, *result); });
       });
 }
 
@@ -91,7 +92,9 @@ void runCallback(Work work, JovCallback callback) {
     runBlock(std::move(work), Block{});
     return;
   }
-  Block block = [callback](auto... args) { JovUtilities::callMethod(callback, std::move(args)...); };
+  Block block = [callback](auto... args) {
+    JovUtilities::callMethod(callback, std::move(args)...);
+  };
   runBlock(std::move(work), std::move(block));
 }
 
@@ -101,11 +104,10 @@ auto runFuture(Work work) -> std::future<std::invoke_result_t<Work&>> {
   using R = std::invoke_result_t<Work&>;
   auto promise = std::make_shared<std::promise<R>>();
   auto future = promise->get_future();
-  JovUtilities::performRequestMethodAsync(
-      [work = std::move(work), promise]() mutable {
-        Work local = std::move(work);
-        promise->set_value(local());
-      });
+  JovUtilities::performRequestMethodAsync([work = std::move(work), promise]() mutable {
+    Work local = std::move(work);
+    promise->set_value(local());
+  });
   return future;
 }
 

@@ -12,7 +12,9 @@
 
 namespace jov::detail {
 
-AtomicFileWriter::~AtomicFileWriter() { discard(); }
+AtomicFileWriter::~AtomicFileWriter() {
+  discard();
+}
 
 bool AtomicFileWriter::open(const std::filesystem::path& target) {
   discard();

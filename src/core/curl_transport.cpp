@@ -109,7 +109,7 @@ class CurlRequest final : public JovURLRequest {
   CURL* handle_ = nullptr;
   std::FILE* uploadFile_ = nullptr;
   detail::AtomicFileWriter download_;
-  bool toFile_ = false;        // the current response body goes to the download file
+  bool toFile_ = false;  // the current response body goes to the download file
   bool fileFailed_ = false;
   std::int64_t received_ = 0;
   std::int64_t expected_ = -1;
@@ -230,7 +230,8 @@ void CurlRequest::sendRequest() {
   // Method and body.
   if (method_ == "HEAD") {
     curl_easy_setopt(handle_, CURLOPT_NOBODY, 1L);
-  } else if (method_ != "GET") {
+  } else if (method_ != "GET" || !body_.empty() || bodyFile_) {
+    // A body would otherwise turn the request into a POST (or, from a file, a PUT).
     curl_easy_setopt(handle_, CURLOPT_CUSTOMREQUEST, method_.c_str());
   }
   if (bodyFile_) {

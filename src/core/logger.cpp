@@ -27,7 +27,9 @@ void JovLogger::setSink(Sink sink) {
   loggerState().sink = std::move(sink);
 }
 
-bool JovLogger::enabled(int level) { return Jov::logLevel() >= level; }
+bool JovLogger::enabled(int level) {
+  return Jov::logLevel() >= level;
+}
 
 std::string JovLogger::prefix(int level, const char* function, int line) {
   switch (level) {

@@ -12,7 +12,8 @@ constexpr int kTraceLevel = 3;
 
 std::string traceHeaders(const char* label, const JovHeaders& headers) {
   std::string text;
-  for (const auto& [field, value] : headers) text += "\n" + std::string(label) + field + " / " + value;
+  for (const auto& [field, value] : headers)
+    text += "\n" + std::string(label) + field + " / " + value;
   return text;
 }
 
@@ -111,11 +112,10 @@ JovResponse JovRequest::makeSynchronousRequest(const std::string& etag) {
 
   // 3. A transport for this exchange.
   std::unique_ptr<JovURLRequest> transport = Jov::requestFactory()->requestWithURL(requestPath);
-  transport->setProgressHandlers(
-      [this](std::int64_t sent) { requestDataSend(sent); },
-      [this](std::int64_t received, std::int64_t expected) {
-        responseDataReceived(received, expected);
-      });
+  transport->setProgressHandlers([this](std::int64_t sent) { requestDataSend(sent); },
+                                 [this](std::int64_t received, std::int64_t expected) {
+                                   responseDataReceived(received, expected);
+                                 });
 
   // 4-7. Fixed headers and the body.
   transport->setValue("ios/1.1", "User-Agent");
@@ -125,7 +125,8 @@ JovResponse JovRequest::makeSynchronousRequest(const std::string& etag) {
     transport->setHTTPBody(*plainText);
   } else if (requestMethod != JovMethodDefault && requestMethod != JovMethodDelete && !fileData &&
              !uploadFilePath && postData) {
-    transport->setHTTPBody(postData->dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    transport->setHTTPBody(
+        postData->dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
   } else if (fileData) {
     uploadFileSize = static_cast<std::int64_t>(fileData->size());
     if (uploadFileSize > 0) transport->setHTTPBody(*fileData);

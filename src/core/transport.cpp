@@ -11,7 +11,8 @@ std::optional<std::string> jovHeaderValue(const JovHeaders& headers, const std::
 }
 
 void JovURLRequest::setValue(const std::string& value, const std::string& field) {
-  std::erase_if(headers_, [&](const auto& h) { return strcasecmp(h.first.c_str(), field.c_str()) == 0; });
+  std::erase_if(headers_,
+                [&](const auto& h) { return strcasecmp(h.first.c_str(), field.c_str()) == 0; });
   headers_.emplace_back(field, value);
 }
 

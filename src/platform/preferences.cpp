@@ -44,7 +44,9 @@ PreferencesStore::PreferencesStore(const std::filesystem::path& file) {
   }
 }
 
-PreferencesStore::~PreferencesStore() { sqlite3_close(db_); }
+PreferencesStore::~PreferencesStore() {
+  sqlite3_close(db_);
+}
 
 std::optional<nlohmann::json> PreferencesStore::get(const std::string& key) {
   std::lock_guard lock(mutex_);
@@ -66,8 +68,8 @@ bool PreferencesStore::set(const std::string& key, const nlohmann::json& value) 
   if (!db_) return false;
   std::string text = value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
   Statement s;
-  if (sqlite3_prepare_v2(db_, "INSERT OR REPLACE INTO preferences (key, value) VALUES (?1, ?2)",
-                         -1, &s.stmt, nullptr) != SQLITE_OK)
+  if (sqlite3_prepare_v2(db_, "INSERT OR REPLACE INTO preferences (key, value) VALUES (?1, ?2)", -1,
+                         &s.stmt, nullptr) != SQLITE_OK)
     return false;
   sqlite3_bind_text(s.stmt, 1, key.data(), static_cast<int>(key.size()), SQLITE_TRANSIENT);
   sqlite3_bind_text(s.stmt, 2, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);

@@ -1,10 +1,9 @@
 #pragma once
 // A small persistent key-value store (SQLite) for per-user scratch data and similar records.
 
-#include <nlohmann/json.hpp>
-
 #include <filesystem>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 

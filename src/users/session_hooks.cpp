@@ -135,7 +135,13 @@ std::optional<JovError> refreshTokenIfNeed() {
   f.user = user;
   f.fromToken = user->accessToken();
   lock.unlock();
-  auto outcome = refreshNow(user);
+  std::optional<JovError> outcome;
+  try {
+    outcome = refreshNow(user);
+  } catch (const std::exception& e) {
+    // Waiters must not wait for a refresh that never ends.
+    outcome = JovError::errorWithCode(JovError::codeRefreshTokenFailed(), {{"details", e.what()}});
+  }
   lock.lock();
   f.running = false;
   f.outcome = outcome;

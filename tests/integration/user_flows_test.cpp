@@ -49,7 +49,6 @@ class UserFlowTest : public ::testing::Test {
     Jov::setAccessTokenExpiration(0);
     JovKeyChainWrapper::useFileStore();
     JovUser::logOut();
-    if (std::getenv("JOV_TRACE")) Jov::setLogLevel(3);
   }
   void TearDown() override {
     JovUser::logOut();

@@ -117,6 +117,18 @@ TEST_F(TransportTest, SendsMethodHeadersAndBodyAsBuilt) {
   srv.server.Delete("/api/apps/app/echo", [](const httplib::Request& req, httplib::Response& res) {
     res.status = req.body.empty() ? 204 : 400;
   });
+  // Method 3 is GET and still carries postData: it must go out as a GET.
+  srv.server.Get("/api/apps/app/echo", [](const httplib::Request& req, httplib::Response& res) {
+    res.set_content(
+        json{{"method", req.method}, {"length", req.get_header_value("Content-Length")}}.dump(),
+        "application/json");
+  });
+  JovRequest get("/echo");
+  get.requestMethod = JovMethodGet;
+  get.postData = json{{"q", 1}};
+  auto got = get.makeSynchronousRequest();
+  EXPECT_EQ(got.json, (json{{"method", "GET"}, {"length", "7"}}));
+
   JovRequest del("/echo");
   del.requestMethod = JovMethodDelete;
   del.postData = json{{"x", 1}};

@@ -1,10 +1,11 @@
 // Application setup: sites, per-application URLs, settings and their misuse, logging, scratch data.
+#include "jov/application.hpp"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <set>
 
-#include "jov/application.hpp"
 #include "jov/error.hpp"
 #include "jov/logger.hpp"
 
@@ -19,8 +20,8 @@ TEST(ApplicationTest, BeginsWithSitesAndCustomURLs) {
 
   // Every site has its own https base URL ending in /api, and its own per-application URL.
   std::set<std::string> urls;
-  const std::pair<JovSite, const char*> codes[] = {{JovSiteUS, ".us."}, {JovSiteJP, ".jp."},
-                                                   {JovSiteCN, ".cn."}, {JovSiteSG, ".sg."},
+  const std::pair<JovSite, const char*> codes[] = {{JovSiteUS, ".us."},   {JovSiteJP, ".jp."},
+                                                   {JovSiteCN, ".cn."},   {JovSiteSG, ".sg."},
                                                    {JovSiteCN3, ".cn3."}, {JovSiteEU, ".eu."}};
   for (auto [site, code] : codes) {
     auto url = Jov::siteBaseURL(site);
@@ -121,9 +122,11 @@ TEST(ApplicationTest, LoggerPrefixesAndLevels) {
   JOV_LOG(3, std::to_string(++evaluated));
   JovLogger::setSink(nullptr);
   EXPECT_EQ(evaluated, 0) << "a disabled message is not even built";
-  std::vector<std::pair<int, std::string>> expected = {
-      {0, "Jov Error > e"}, {1, "Jov Warning > w"}, {2, "Jov Info > i"},
-      {3, "Jov Debug fn:42 > d"}, {5, "plain"}};
+  std::vector<std::pair<int, std::string>> expected = {{0, "Jov Error > e"},
+                                                       {1, "Jov Warning > w"},
+                                                       {2, "Jov Info > i"},
+                                                       {3, "Jov Debug fn:42 > d"},
+                                                       {5, "plain"}};
   EXPECT_EQ(lines, expected);
 }
 

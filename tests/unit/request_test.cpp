@@ -1,4 +1,6 @@
 // JovRequest against a scripted transport: what it sends and how it reads each kind of answer.
+#include "jov/request.hpp"
+
 #include <gtest/gtest.h>
 
 #include <deque>
@@ -6,7 +8,6 @@
 #include "core/session.hpp"
 #include "jov/application.hpp"
 #include "jov/logger.hpp"
-#include "jov/request.hpp"
 
 using namespace jov;
 using nlohmann::json;
@@ -127,8 +128,8 @@ TEST_F(RequestTest, SendsTheHeaderSetSpelledAsGivenAndAddsRatherThanReplaces) {
   EXPECT_EQ(s.method, "POST");
   EXPECT_EQ(names(s.headers),
             (std::vector<std::string>{"User-Agent", "Authorization", "X-Jov-AppID", "X-Jov-AppKey",
-                                      "X-Jov-SDK", "accept", "Content-type", "X-Custom",
-                                      "X-Custom", "Authorization"}));
+                                      "X-Jov-SDK", "accept", "Content-type", "X-Custom", "X-Custom",
+                                      "Authorization"}));
   EXPECT_EQ(jovHeaderValue(s.headers, "User-Agent"), "ios/1.1");
   EXPECT_EQ(jovHeaderValue(s.headers, "authorization"), "Bearer tok");
   EXPECT_EQ(jovHeaderValue(s.headers, "X-Jov-AppID"), "app1");
@@ -157,9 +158,9 @@ TEST_F(RequestTest, SendsTheHeaderSetSpelledAsGivenAndAddsRatherThanReplaces) {
 }
 
 TEST_F(RequestTest, ChoosesMethodAndBodyByTheTable) {
-  const std::pair<int, const char*> table[] = {{0, "GET"},    {1, "PUT"},  {2, "POST"},
-                                               {3, "GET"},    {4, "DELETE"}, {5, "HEAD"},
-                                               {6, "PATCH"},  {7, "GET"},  {-1, "GET"}};
+  const std::pair<int, const char*> table[] = {{0, "GET"},   {1, "PUT"},    {2, "POST"},
+                                               {3, "GET"},   {4, "DELETE"}, {5, "HEAD"},
+                                               {6, "PATCH"}, {7, "GET"},    {-1, "GET"}};
   for (auto [number, method] : table) EXPECT_STREQ(JovRequest::methodString(number), method);
 
   auto bodyOf = [&](int method, std::optional<std::string> text, std::optional<json> data,
@@ -214,16 +215,26 @@ TEST_F(RequestTest, MapsEveryFailureRow) {
     json info;
   };
   const Row rows[] = {
-      {404, R"({"errorCode":"USER_NOT_FOUND","message":"m"})", 0,
+      {404,
+       R"({"errorCode":"USER_NOT_FOUND","message":"m"})",
+       0,
        {{"server_code", "USER_NOT_FOUND"}, {"server_message", "m"}, {"http_status", 404}}},
       {400, "", 0, {{"server_message", "Unable to parse server response"}, {"http_status", 400}}},
-      {500, "<html>", 0,
+      {500,
+       "<html>",
+       0,
        {{"server_message", "Unable to parse server response"}, {"http_status", 500}}},
-      {401, R"({"errorCode":"invalid_grant","error_description":"d"})", 302,
+      {401,
+       R"({"errorCode":"invalid_grant","error_description":"d"})",
+       302,
        {{"server_code", "invalid_grant"}, {"server_message", "d"}, {"http_status", 401}}},
-      {404, R"({"errorCode":"APP_NOT_FOUND","message":"no app"})", 102,
+      {404,
+       R"({"errorCode":"APP_NOT_FOUND","message":"no app"})",
+       102,
        {{"server_code", "APP_NOT_FOUND"}, {"server_message", "no app"}, {"http_status", 404}}},
-      {401, R"({"errorCode":"UNAUTHORIZED"})", 203,
+      {401,
+       R"({"errorCode":"UNAUTHORIZED"})",
+       203,
        {{"server_code", "UNAUTHORIZED"}, {"server_message", ""}, {"http_status", 401}}},
       {409, R"([1,2])", 0, {{"server_message", ""}, {"http_status", 409}}},
   };
@@ -310,8 +321,9 @@ TEST_F(RequestTest, TracesTheExchangeWithACurlLineAndTrimsLongBodies) {
   EXPECT_NE(all.find("curl -v -X POST -H \"User-Agent:ios/1.1\""), std::string::npos);
   EXPECT_NE(all.find(" -d '{\"n\":\"aaa"), std::string::npos);
   EXPECT_NE(all.find("Response Header : Server / t"), std::string::npos);
-  EXPECT_NE(all.find("Received response[200]: " + std::string(1024, 'b') + " ... (Show first 10KB)"),
-            std::string::npos);
+  EXPECT_NE(
+      all.find("Received response[200]: " + std::string(1024, 'b') + " ... (Show first 10KB)"),
+      std::string::npos);
   EXPECT_EQ(JovRequest::trimHttpBodyString(std::string(1024, 'c')), std::string(1024, 'c'));
 
   // Level 2 prints no trace at all.
