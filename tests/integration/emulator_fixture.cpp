@@ -10,47 +10,40 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cctype>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <random>
 #include <stdexcept>
+#include <vector>
 
 extern char** environ;
 
 namespace jovtest {
-
 namespace {
-
-constexpr auto kStartLimit = std::chrono::seconds(20);
-constexpr int kStopLimitMs = 10000;
 
 std::string randomHex(std::size_t length) {
   static std::mutex mutex;
   static std::mt19937_64 engine{std::random_device{}()};
-  static constexpr char kDigits[] = "0123456789abcdef";
   std::lock_guard lock(mutex);
   std::string out;
-  for (std::size_t i = 0; i < length; ++i) out.push_back(kDigits[engine() % 16]);
+  for (std::size_t i = 0; i < length; ++i) out.push_back("0123456789abcdef"[engine() % 16]);
   return out;
 }
 
-// Reads the emulator's first line, giving up at the deadline or when the process closes its
-// standard output (it exited or failed to start).
-std::string readFirstLine(int fd, std::chrono::steady_clock::time_point deadline) {
+// Reads the emulator's first line, giving up after 20 s or when the process closes its standard
+// output (it exited or failed to start).
+std::string readFirstLine(int fd) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   std::string line;
+  char c;
   while (true) {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0) throw std::runtime_error("timed out");
     pollfd pfd{fd, POLLIN, 0};
-    int ready = ::poll(&pfd, 1, static_cast<int>(left.count()));
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready <= 0) continue;  // the deadline check above ends the loop
-    char c;
+    if (::poll(&pfd, 1, static_cast<int>(left.count())) <= 0) continue;  // EINTR or the deadline
     ssize_t n = ::read(fd, &c, 1);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) throw std::runtime_error("it closed its output without printing its base URL");
@@ -59,49 +52,18 @@ std::string readFirstLine(int fd, std::chrono::steady_clock::time_point deadline
   }
 }
 
-// Waits for the process to end, within the limit; -1 when it did not.
-int waitExit(pid_t pid, int limitMs) {
+// Waits for the process to end, within 10 s; -1 when it did not.
+int waitExit(pid_t pid) {
   int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
   if (pidfd >= 0) {
     pollfd pfd{pidfd, POLLIN, 0};
-    while (::poll(&pfd, 1, limitMs) < 0 && errno == EINTR) {
+    while (::poll(&pfd, 1, 10000) < 0 && errno == EINTR) {
     }
     ::close(pidfd);
   }
   int status = 0;
-  pid_t done = ::waitpid(pid, &status, pidfd >= 0 ? WNOHANG : 0);
-  if (done != pid) return -1;
+  if (::waitpid(pid, &status, pidfd >= 0 ? WNOHANG : 0) != pid) return -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-EmulatorReply toReply(const httplib::Result& result) {
-  EmulatorReply reply;
-  if (!result) {
-    reply.status = -1;
-    reply.raw = "transport error " + httplib::to_string(result.error());
-    return reply;
-  }
-  reply.status = result->status;
-  reply.raw = result->body;
-  reply.body = nlohmann::json::parse(result->body, nullptr, false);
-  if (reply.body.is_discarded()) reply.body = nullptr;
-  return reply;
-}
-
-EmulatorReply sendTo(int port, const std::string& method, const std::string& path,
-                     const std::string& body, const std::string& contentType,
-                     httplib::Headers headers) {
-  httplib::Client client("127.0.0.1", port);
-  client.set_url_encode(false);  // paths are encoded by the tests, as the library does
-  client.set_connection_timeout(std::chrono::seconds(10));
-  client.set_read_timeout(std::chrono::seconds(30));
-  httplib::Request request;
-  request.method = method;
-  request.path = path;
-  request.headers = std::move(headers);
-  request.body = body;
-  if (!contentType.empty()) request.set_header("Content-Type", contentType);
-  return toReply(client.send(request));
 }
 
 }  // namespace
@@ -130,22 +92,10 @@ Emulator::~Emulator() {
   std::filesystem::remove_all(dataDir_, ignored);
 }
 
-const std::string& Emulator::baseURL() const {
-  return baseURL_;
-}
-
-int Emulator::port() const {
-  return port_;
-}
-
 void Emulator::start(int port) {
   int out[2], in[2];
-  if (::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  if (::pipe2(in, O_CLOEXEC) != 0) {
-    ::close(out[0]);
-    ::close(out[1]);
+  if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(in, O_CLOEXEC) != 0)
     throw std::runtime_error("pipe failed");
-  }
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
@@ -160,8 +110,7 @@ void Emulator::start(int port) {
   sigaddset(&signals, SIGINT);
   posix_spawnattr_setsigdefault(&attributes, &signals);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  std::string portText = std::to_string(port);
-  std::vector<std::string> args = {JOV_EMULATOR_PATH, "--port", portText,
+  std::vector<std::string> args = {JOV_EMULATOR_PATH, "--port", std::to_string(port),
                                    "--data",          dataDir_, "--watch-stdin"};
   std::vector<char*> argv;
   for (auto& arg : args) argv.push_back(arg.data());
@@ -171,59 +120,49 @@ void Emulator::start(int port) {
   posix_spawnattr_destroy(&attributes);
   ::close(out[1]);
   ::close(in[0]);
+  stdinFd_ = in[1];
   if (rc != 0) {
     ::close(out[0]);
-    ::close(in[1]);
     pid_ = -1;
-    throw std::runtime_error(std::string("cannot start " JOV_EMULATOR_PATH ": ") +
-                             std::strerror(rc));
+    stop();
+    throw std::runtime_error("cannot start " JOV_EMULATOR_PATH ": " + std::string(strerror(rc)));
   }
-  stdinFd_ = in[1];
   std::string line;
   try {
-    line = readFirstLine(out[0], std::chrono::steady_clock::now() + kStartLimit);
+    line = readFirstLine(out[0]);
   } catch (const std::exception& error) {
-    ::close(out[0]);
-    stop();
-    throw std::runtime_error("jov-emulator (" JOV_EMULATOR_PATH
-                             ") did not print its base URL within 20 s: " +
-                             std::string(error.what()));
+    line = std::string("(") + error.what() + ")";
   }
-  // Nothing else comes on standard output; the emulator ignores SIGPIPE.
-  ::close(out[0]);
-  auto colon = line.rfind(':');
-  auto slash = line.find('/', colon == std::string::npos ? 0 : colon);
-  if (colon == std::string::npos || slash == std::string::npos ||
-      line.compare(slash, std::string::npos, "/api") != 0) {
+  ::close(out[0]);  // nothing else comes on standard output; the emulator ignores SIGPIPE
+  const std::string prefix = "http://127.0.0.1:";
+  if (line.rfind(prefix, 0) != 0 || !line.ends_with("/api")) {
     stop();
-    throw std::runtime_error("jov-emulator printed an unexpected first line: " + line);
+    throw std::runtime_error("jov-emulator (" JOV_EMULATOR_PATH ") did not print its base URL: " +
+                             line);
   }
-  port_ = std::stoi(line.substr(colon + 1, slash - colon - 1));
+  port_ = std::stoi(line.substr(prefix.size()));
   baseURL_ = line;
 }
 
 int Emulator::stop() {
-  if (pid_ <= 0) return -1;
-  ::kill(pid_, SIGTERM);
-  int status = waitExit(pid_, kStopLimitMs);
-  if (status < 0) {
-    ::kill(pid_, SIGKILL);
-    int ignored = 0;
-    ::waitpid(pid_, &ignored, 0);
+  int status = -1;
+  if (pid_ > 0) {
+    ::kill(pid_, SIGTERM);
+    if ((status = waitExit(pid_)) < 0) {
+      ::kill(pid_, SIGKILL);
+      ::waitpid(pid_, nullptr, 0);
+    }
   }
   if (stdinFd_ >= 0) ::close(stdinFd_);
-  stdinFd_ = -1;
-  pid_ = -1;
+  stdinFd_ = pid_ = -1;
   return status;
 }
 
 void Emulator::restart() {
   std::lock_guard lock(mutex_);
-  int status = stop();
-  if (status != 0) {
-    throw std::runtime_error("jov-emulator did not exit cleanly on SIGTERM (status " +
-                             std::to_string(status) + ")");
-  }
+  if (int status = stop(); status != 0)
+    throw std::runtime_error("jov-emulator did not exit cleanly on SIGTERM: " +
+                             std::to_string(status));
   try {
     start(port_);
   } catch (const std::runtime_error&) {
@@ -233,60 +172,48 @@ void Emulator::restart() {
 
 EmulatorApp Emulator::newApp() {
   static std::atomic<int> counter{0};
-  EmulatorApp app;
-  app.appID =
-      "t" + std::to_string(::getpid()) + "-" + std::to_string(++counter) + "-" + randomHex(6);
-  app.appKey = randomHex(32);
-  app.baseURL = baseURL_;
+  EmulatorApp app{
+      "t" + std::to_string(::getpid()) + "-" + std::to_string(++counter) + "-" + randomHex(6),
+      randomHex(32), baseURL_};
   auto reply = emulatorRequest("POST", "/emulator/apps",
                                nlohmann::json{{"appID", app.appID}, {"appKey", app.appKey}}.dump());
-  if (reply.status != 201) {
-    throw std::runtime_error("POST /emulator/apps answered " + std::to_string(reply.status) + ": " +
-                             reply.raw);
-  }
+  if (reply.status != 201) throw std::runtime_error("POST /emulator/apps answered " + reply.raw);
   return app;
 }
 
 nlohmann::json Emulator::outbox(const std::string& appID) {
   auto reply = emulatorRequest("GET", "/emulator/apps/" + percentEncode(appID) + "/outbox");
-  if (reply.status != 200 || !reply.body.contains("messages")) {
-    throw std::runtime_error("GET outbox answered " + std::to_string(reply.status) + ": " +
-                             reply.raw);
-  }
+  if (reply.status != 200 || !reply.body.contains("messages"))
+    throw std::runtime_error("GET outbox answered " + reply.raw);
   return reply.body["messages"];
 }
 
 std::optional<std::string> Emulator::lastCode(const std::string& appID, const std::string& userID,
                                               const std::string& kind) {
   auto messages = outbox(appID);
-  for (auto it = messages.rbegin(); it != messages.rend(); ++it) {
+  for (auto it = messages.rbegin(); it != messages.rend(); ++it)
     if ((*it)["userID"] == userID && (*it)["kind"] == kind) return (*it)["code"].get<std::string>();
-  }
   return std::nullopt;
-}
-
-std::string percentEncode(const std::string& text) {
-  static constexpr char kDigits[] = "0123456789ABCDEF";
-  std::string out;
-  for (unsigned char c : text) {
-    if (std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~') {
-      out.push_back(static_cast<char>(c));
-    } else {
-      out.push_back('%');
-      out.push_back(kDigits[c >> 4]);
-      out.push_back(kDigits[c & 15]);
-    }
-  }
-  return out;
 }
 
 EmulatorReply emulatorRequest(const std::string& method, const std::string& path,
                               const std::string& body, const std::string& contentType,
                               const httplib::Headers& headers) {
-  return sendTo(Emulator::shared().port(), method, path, body, contentType, headers);
+  httplib::Client client("127.0.0.1", Emulator::shared().port());
+  client.set_url_encode(false);  // paths are encoded by the tests, as the library does
+  client.set_connection_timeout(std::chrono::seconds(10));
+  client.set_read_timeout(std::chrono::seconds(30));
+  httplib::Request request;
+  request.method = method;
+  request.path = path;
+  request.headers = headers;
+  request.body = body;
+  if (!contentType.empty()) request.set_header("Content-Type", contentType);
+  auto result = client.send(request);
+  if (!result) return {-1, nullptr, "transport error " + httplib::to_string(result.error())};
+  auto json = nlohmann::json::parse(result->body, nullptr, false);
+  return {result->status, json.is_discarded() ? nlohmann::json(nullptr) : json, result->body};
 }
-
-EmulatorClient::EmulatorClient(EmulatorApp app) : app_(std::move(app)) {}
 
 EmulatorReply EmulatorClient::send(const std::string& method, const std::string& path,
                                    const std::string& body, const std::string& contentType,
@@ -295,8 +222,7 @@ EmulatorReply EmulatorClient::send(const std::string& method, const std::string&
   headers.emplace("X-Jov-AppID", app_.appID);
   headers.emplace("X-Jov-AppKey", app_.appKey);
   if (!token.empty()) headers.emplace("Authorization", "Bearer " + token);
-  return sendTo(Emulator::shared().port(), method, "/api/apps/" + app_.appID + path, body,
-                contentType, headers);
+  return emulatorRequest(method, "/api/apps/" + app_.appID + path, body, contentType, headers);
 }
 
 nlohmann::json EmulatorClient::registerUser(const nlohmann::json& fields) {
@@ -314,13 +240,11 @@ nlohmann::json EmulatorClient::login(const std::string& username, const std::str
 
 std::pair<nlohmann::json, std::string> EmulatorClient::newUser(nlohmann::json fields) {
   static std::atomic<int> counter{0};
-  if (!fields.contains("loginName")) {
+  if (!fields.contains("loginName"))
     fields["loginName"] = "user" + std::to_string(++counter) + "_" + randomHex(6);
-  }
   if (!fields.contains("password")) fields["password"] = "pass1234";
   auto record = registerUser(fields);
-  auto token = login(fields["loginName"], fields["password"]);
-  return {record, token.value("access_token", "")};
+  return {record, login(fields["loginName"], fields["password"]).value("access_token", "")};
 }
 
 }  // namespace jovtest

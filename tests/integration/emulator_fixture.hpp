@@ -2,6 +2,7 @@
 // and a small HTTP client for tests that talk to its routes directly.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <httplib.h>
 #include <sys/types.h>
 
@@ -10,7 +11,8 @@
 #include <optional>
 #include <string>
 #include <utility>
-#include <vector>
+
+#include "jov/encoding.hpp"
 
 namespace jovtest {
 
@@ -20,22 +22,20 @@ struct EmulatorApp {
 
 class Emulator {
  public:
-  /// @brief Starts jov-emulator once per test binary; it is stopped when the binary exits.
+  /// Starts jov-emulator once per test binary; it is stopped when the binary exits.
   static Emulator& shared();
 
-  /// @brief e.g. "http://127.0.0.1:PORT/api".
-  const std::string& baseURL() const;
-  /// @brief The port of baseURL().
-  int port() const;
-  /// @brief Registers a fresh, unique application through POST /emulator/apps.
+  const std::string& baseURL() const { return baseURL_; }  ///< "http://127.0.0.1:PORT/api"
+  int port() const { return port_; }
+  /// Registers a fresh, unique application through POST /emulator/apps.
   EmulatorApp newApp();
-  /// @brief The "messages" array of GET /emulator/apps/{appID}/outbox, oldest first.
+  /// The "messages" array of GET /emulator/apps/{appID}/outbox, oldest first.
   nlohmann::json outbox(const std::string& appID);
-  /// @brief The newest code of that kind sent to that user.
+  /// The newest code of that kind sent to that user.
   std::optional<std::string> lastCode(const std::string& appID, const std::string& userID,
                                       const std::string& kind);
-  /// @brief Stops the emulator (it must exit cleanly) and starts it again on the same store,
-  /// on the same port when that port is still free.
+  /// Stops the emulator (it must exit cleanly) and starts it again on the same store, on the
+  /// same port when that port is still free.
   void restart();
 
   Emulator(const Emulator&) = delete;
@@ -47,18 +47,19 @@ class Emulator {
   void start(int port);
   int stop();
 
-  std::string dataDir_;
-  std::string baseURL_;
+  std::string dataDir_, baseURL_;
   int port_ = 0;
   pid_t pid_ = -1;
   int stdinFd_ = -1;  // closing it also stops the emulator should this process die
   std::mutex mutex_;
 };
 
-/// @brief Percent-encodes everything but the unreserved characters, for path segments.
-std::string percentEncode(const std::string& text);
+/// Percent-encodes everything but the unreserved characters, for path segments.
+inline std::string percentEncode(const std::string& text) {
+  return jov::RFC3986Encode(text);
+}
 
-/// @brief One answer of the emulator: status, parsed JSON body (null when none) and raw body.
+/// One answer of the emulator: status, parsed JSON body (null when none) and raw body.
 struct EmulatorReply {
   int status = 0;
   nlohmann::json body;
@@ -67,14 +68,14 @@ struct EmulatorReply {
   std::string errorCode() const { return body.is_object() ? body.value("errorCode", "") : ""; }
 };
 
-/// @brief Talks to one application's routes ("/api/apps/{appID}..."), sending its headers.
+/// Talks to one application's routes ("/api/apps/{appID}..."), sending its headers.
 class EmulatorClient {
  public:
-  explicit EmulatorClient(EmulatorApp app);
+  explicit EmulatorClient(EmulatorApp app) : app_(std::move(app)) {}
 
   const EmulatorApp& app() const { return app_; }
 
-  /// @brief Sends a request to "/api/apps/{appID}" + path; `token` adds "Authorization".
+  /// Sends a request to "/api/apps/{appID}" + path; `token` adds "Authorization".
   EmulatorReply send(const std::string& method, const std::string& path,
                      const std::string& body = "",
                      const std::string& contentType = "application/json",
@@ -88,19 +89,38 @@ class EmulatorClient {
     return send(method, path, body.dump(), mediaType, token);
   }
 
-  /// @brief POST /users as a RegistrationRequest; fails the test unless 201.
+  /// POST /users as a RegistrationRequest; fails the test unless 201.
   nlohmann::json registerUser(const nlohmann::json& fields);
-  /// @brief The password grant of POST /oauth2/token; fails the test unless 200.
+  /// The password grant of POST /oauth2/token; fails the test unless 200.
   nlohmann::json login(const std::string& username, const std::string& password);
-  /// @brief Registers a user with a unique login name and password "pass1234", logs it in and
-  /// returns {record, access token}.
+  /// Registers a user with a unique login name and password "pass1234", logs it in and returns
+  /// {record, access token}.
   std::pair<nlohmann::json, std::string> newUser(nlohmann::json fields = nlohmann::json::object());
 
  private:
   EmulatorApp app_;
 };
 
-/// @brief Sends a request outside the application routes ("/emulator/...", unknown paths).
+/// Checks that `object` holds each key of `expected` with its value (null: the key is absent).
+inline void expectFields(const nlohmann::json& object, const nlohmann::json& expected) {
+  for (const auto& [key, value] : expected.items())
+    EXPECT_EQ((object.contains(key) ? object.at(key) : nlohmann::json()).dump(), value.dump())
+        << key;
+}
+
+/// The error code of a library result, or -1 for success.
+template <class R>
+int codeOf(const R& result) {
+  return result.ok() ? -1 : result.error().code();
+}
+/// Success of a library result; a failure shows its error.
+template <class R>
+::testing::AssertionResult succeeded(const R& result) {
+  if (result.ok()) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << result.error().describe();
+}
+
+/// Sends a request outside the application routes ("/emulator/...", unknown paths).
 EmulatorReply emulatorRequest(const std::string& method, const std::string& path,
                               const std::string& body = "",
                               const std::string& contentType = "application/json",

@@ -1,38 +1,44 @@
 // Groups: creation, reading, renaming, members, lists and deletion.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "emulator_fixture.hpp"
 
 namespace jovtest {
 namespace {
 
+using nlohmann::json;
+using IDs = std::vector<std::string>;
+
 const char* kCreation = "application/vnd.jov.GroupCreationRequest+json";
 
-std::string idOf(const nlohmann::json& record) {
+std::string idOf(const json& record) {
   return record["userID"].get<std::string>();
 }
 
-std::vector<std::string> memberIDs(const EmulatorReply& reply) {
-  std::vector<std::string> out;
-  for (const auto& member : reply.body["members"]) out.push_back(member["userID"]);
+// The sorted values of `key` in the array `list` of the reply.
+IDs sorted(const EmulatorReply& reply, const char* list, const char* key) {
+  IDs out;
+  for (const auto& item : reply.body[list]) out.push_back(item[key]);
   std::sort(out.begin(), out.end());
   return out;
 }
 
-std::vector<std::string> groupIDs(const EmulatorReply& reply) {
-  std::vector<std::string> out;
-  for (const auto& group : reply.body["groups"]) out.push_back(group["groupID"]);
-  std::sort(out.begin(), out.end());
-  return out;
+IDs sorted(IDs ids) {
+  std::sort(ids.begin(), ids.end());
+  return ids;
 }
 
 TEST(EmulatorGroups, Creation) {
   EmulatorClient client(Emulator::shared().newApp());
   auto [owner, token] = client.newUser();
   auto [member, memberToken] = client.newUser();
+  auto post = [&](const json& body) {
+    return client.sendJson("POST", "/groups", body, kCreation, token);
+  };
 
-  auto created = client.sendJson(
-      "POST", "/groups", {{"name", "Friends"}, {"owner", owner["userID"]}}, kCreation, token);
+  auto created = post({{"name", "Friends"}, {"owner", owner["userID"]}});
   ASSERT_EQ(created.status, 201) << created.raw;
   std::string groupID = created.body["groupID"];
   EXPECT_FALSE(groupID.empty());
@@ -43,22 +49,12 @@ TEST(EmulatorGroups, Creation) {
   EXPECT_EQ(fetched.status, 200);
   EXPECT_EQ(fetched.body["name"], "Friends");
 
-  EXPECT_EQ(client
-                .sendJson("POST", "/groups", {{"name", "X"}, {"owner", member["userID"]}},
-                          kCreation, token)
-                .status,
-            403)
+  EXPECT_EQ(post({{"name", "X"}, {"owner", member["userID"]}}).status, 403)
       << "the owner must be the caller";
-  auto unknownMember = client.sendJson(
-      "POST", "/groups", {{"name", "X"}, {"owner", owner["userID"]}, {"members", {"nobody"}}},
-      kCreation, token);
+  auto unknownMember = post({{"name", "X"}, {"owner", owner["userID"]}, {"members", {"nobody"}}});
   EXPECT_EQ(unknownMember.status, 404);
   EXPECT_EQ(unknownMember.errorCode(), "USER_NOT_FOUND");
-  EXPECT_EQ(
-      client
-          .sendJson("POST", "/groups", {{"name", ""}, {"owner", owner["userID"]}}, kCreation, token)
-          .status,
-      400);
+  EXPECT_EQ(post({{"name", ""}, {"owner", owner["userID"]}}).status, 400);
 
   auto put = [&](const std::string& id) {
     return client.sendJson(
@@ -74,9 +70,8 @@ TEST(EmulatorGroups, Creation) {
   EXPECT_EQ(twice.errorCode(), "GROUP_ALREADY_EXISTS");
   EXPECT_EQ(put("Team").errorCode(), "INVALID_INPUT_DATA");
   EXPECT_EQ(put(std::string(31, 'a')).errorCode(), "INVALID_INPUT_DATA");
-  EXPECT_EQ(memberIDs(client.get("/groups/team-1.a_b/members", memberToken)),
-            (std::vector<std::string>{std::min(idOf(owner), idOf(member)),
-                                      std::max(idOf(owner), idOf(member))}));
+  EXPECT_EQ(sorted(client.get("/groups/team-1.a_b/members", memberToken), "members", "userID"),
+            sorted({idOf(owner), idOf(member)}));
   EXPECT_EQ(client.get("/groups/nothing", token).errorCode(), "GROUP_NOT_FOUND");
 }
 
@@ -90,60 +85,58 @@ TEST(EmulatorGroups, RenameMembersAndDelete) {
                           kCreation, token)
                 .status,
             201);
+  auto rename = [&](const std::string& name, const std::string& as) {
+    return client.send("PUT", "/groups/crew/name", name, "text/plain", as).status;
+  };
+  // A request without a body, to a path under /groups/.
+  auto bare = [&](const char* method, const std::string& path, const std::string& as) {
+    return client.send(method, "/groups/" + path, "", "", as);
+  };
 
-  EXPECT_EQ(client.send("PUT", "/groups/crew/name", "Renamed", "text/plain", aliceToken).status,
-            403);
-  EXPECT_EQ(client.send("PUT", "/groups/crew/name", "", "text/plain", token).status, 400);
-  EXPECT_EQ(client.send("PUT", "/groups/crew/name", "Renamed", "text/plain", token).status, 204);
+  EXPECT_EQ(rename("Renamed", aliceToken), 403);
+  EXPECT_EQ(rename("", token), 400);
+  EXPECT_EQ(rename("Renamed", token), 204);
   EXPECT_EQ(client.get("/groups/crew", token).body["name"], "Renamed");
 
-  const std::string members = "/groups/crew/members/";
-  EXPECT_EQ(client.send("PUT", members + idOf(alice), "", "", aliceToken).status, 403)
+  EXPECT_EQ(bare("PUT", "crew/members/" + idOf(alice), aliceToken).status, 403)
       << "only the owner adds members";
-  EXPECT_EQ(client.send("PUT", members + idOf(alice), "", "", token).status, 204);
-  EXPECT_EQ(client.send("PUT", members + idOf(bob), "", "", token).status, 204);
-  EXPECT_EQ(client.send("PUT", members + "nobody", "", "", token).errorCode(), "USER_NOT_FOUND");
-  EXPECT_EQ(client.send("PUT", "/groups/nothing/members/" + idOf(bob), "", "", token).errorCode(),
-            "GROUP_NOT_FOUND");
-  EXPECT_EQ(client.send("DELETE", members + idOf(bob), "", "", aliceToken).status, 403)
+  EXPECT_EQ(bare("PUT", "crew/members/" + idOf(alice), token).status, 204);
+  EXPECT_EQ(bare("PUT", "crew/members/" + idOf(bob), token).status, 204);
+  EXPECT_EQ(bare("PUT", "crew/members/nobody", token).errorCode(), "USER_NOT_FOUND");
+  EXPECT_EQ(bare("PUT", "nothing/members/" + idOf(bob), token).errorCode(), "GROUP_NOT_FOUND");
+  EXPECT_EQ(bare("DELETE", "crew/members/" + idOf(bob), aliceToken).status, 403)
       << "a member removes only itself";
-  EXPECT_EQ(client.send("DELETE", members + idOf(alice), "", "", aliceToken).status, 204);
+  EXPECT_EQ(bare("DELETE", "crew/members/" + idOf(alice), aliceToken).status, 204);
   auto list = client.get("/groups/crew/members", bobToken);
   EXPECT_EQ(list.status, 200);
-  EXPECT_EQ(memberIDs(list), (std::vector<std::string>{std::min(idOf(owner), idOf(bob)),
-                                                       std::max(idOf(owner), idOf(bob))}));
+  EXPECT_EQ(sorted(list, "members", "userID"), sorted({idOf(owner), idOf(bob)}));
 
-  EXPECT_EQ(client.send("DELETE", "/groups/crew", "", "", bobToken).status, 403);
-  EXPECT_EQ(client.send("DELETE", "/groups/crew", "", "", token).status, 204);
+  EXPECT_EQ(bare("DELETE", "crew", bobToken).status, 403);
+  EXPECT_EQ(bare("DELETE", "crew", token).status, 204);
   EXPECT_EQ(client.get("/groups/crew", token).errorCode(), "GROUP_NOT_FOUND");
-  EXPECT_EQ(client.send("DELETE", "/groups/crew", "", "", token).errorCode(), "GROUP_NOT_FOUND");
+  EXPECT_EQ(bare("DELETE", "crew", token).errorCode(), "GROUP_NOT_FOUND");
 }
 
 TEST(EmulatorGroups, MemberAndOwnerLists) {
   EmulatorClient client(Emulator::shared().newApp());
   auto [owner, token] = client.newUser();
   auto [member, memberToken] = client.newUser();
-  for (const char* id : {"g1", "g2"}) {
-    ASSERT_EQ(client
-                  .sendJson("PUT", std::string("/groups/") + id,
-                            {{"name", id}, {"owner", owner["userID"]}}, kCreation, token)
-                  .status,
-              201);
-  }
+  auto create = [&](const std::string& id, const json& by, const std::string& as) {
+    return client.sendJson("PUT", "/groups/" + id, {{"name", id}, {"owner", by["userID"]}},
+                           kCreation, as);
+  };
+  ASSERT_EQ(create("g1", owner, token).status, 201);
+  ASSERT_EQ(create("g2", owner, token).status, 201);
   ASSERT_EQ(client.send("PUT", "/groups/g2/members/" + idOf(member), "", "", token).status, 204);
-  ASSERT_EQ(client
-                .sendJson("PUT", "/groups/g3", {{"name", "g3"}, {"owner", member["userID"]}},
-                          kCreation, memberToken)
-                .status,
-            201);
+  ASSERT_EQ(create("g3", member, memberToken).status, 201);
 
   auto owned = client.get("/groups/?owner=" + idOf(owner), memberToken);
   EXPECT_EQ(owned.status, 200);
-  EXPECT_EQ(groupIDs(owned), (std::vector<std::string>{"g1", "g2"}));
+  EXPECT_EQ(sorted(owned, "groups", "groupID"), (IDs{"g1", "g2"}));
   EXPECT_EQ(owned.body["groups"][0]["owner"], owner["userID"]);
   EXPECT_TRUE(owned.body["groups"][0].contains("name"));
-  EXPECT_EQ(groupIDs(client.get("/groups?is_member=" + idOf(member), token)),
-            (std::vector<std::string>{"g2", "g3"}));
+  EXPECT_EQ(sorted(client.get("/groups?is_member=" + idOf(member), token), "groups", "groupID"),
+            (IDs{"g2", "g3"}));
   EXPECT_TRUE(client.get("/groups/?owner=nobody", token).body["groups"].empty());
   EXPECT_EQ(client.get("/groups/", token).status, 400);
   EXPECT_EQ(client.get("/groups/?owner=" + idOf(owner), "").status, 401);

@@ -5,16 +5,15 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <fstream>
 
 #include "fake_transport.hpp"
-#include "jov/user.hpp"
 
 namespace jov {
 namespace {
 
 using Status = JovCredentialStoreStatus;
+using jovtest::codeOf;
 using nlohmann::json;
 using namespace std::chrono_literals;
 
@@ -26,19 +25,11 @@ mode_t modeOf(const std::filesystem::path& p) {
   return st.st_mode & 0777;
 }
 
-JovUser::Ptr sampleUser() {
-  return JovUser::userWithCredentialDictionary({{"userID", "u1"},
-                                                {"accessToken", "tok"},
-                                                {"accesstokenExpiresAt", 4102444800000LL},
-                                                {"username", "alice"}});
-}
-
 // A store whose every operation answers a chosen outcome, to see how the wrapper maps it.
 class ScriptedStore : public JovCredentialStore {
  public:
   std::string name() const override { return "scripted"; }
   JovCredentialStoreOutcome add(const std::string&, const std::string&) override {
-    ++adds;
     return addOutcome;
   }
   JovCredentialStoreOutcome update(const std::string&, const std::string& blob) override {
@@ -55,13 +46,14 @@ class ScriptedStore : public JovCredentialStore {
 
   JovCredentialStoreOutcome addOutcome, outcome;
   std::string record, updated;
-  int adds = 0, updates = 0;
+  int updates = 0;
 };
 
 class CredentialStoreTest : public ::testing::Test {
  protected:
   void TearDown() override { JovKeyChainWrapper::useMemoryStore(); }
   jovtest::TestApp app;
+  JovUser::Ptr user = jovtest::credentialUser({{"username", "alice"}});
 };
 
 TEST_F(CredentialStoreTest, FileStoreKeepsPrivateWholeRecords) {
@@ -77,7 +69,6 @@ TEST_F(CredentialStoreTest, FileStoreKeepsPrivateWholeRecords) {
   ASSERT_TRUE(store->add(kService, "first").ok());
   EXPECT_EQ(modeOf(dir), 0700u);
   const auto file = dir / "JovSDK%2Fuser_credentials";
-  ASSERT_TRUE(std::filesystem::exists(file));
   EXPECT_EQ(modeOf(file), 0600u);
 
   EXPECT_EQ(store->add(kService, "second").status, Status::Duplicate);
@@ -92,12 +83,8 @@ TEST_F(CredentialStoreTest, FileStoreKeepsPrivateWholeRecords) {
   std::ofstream(dir / ".JovSDK%2Fuser_credentials.tmp-abc123") << "{half a rec";
   ASSERT_TRUE(store->read(kService, blob).ok());
   EXPECT_EQ(blob, "second");
-  std::size_t files = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
-    (void)entry;
-    ++files;
-  }
-  EXPECT_EQ(files, 2u) << "the record and the planted temporary file only";
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 2)
+      << "the record and the planted temporary file only";
 
   // Service names are kept apart, whatever characters they hold.
   ASSERT_TRUE(store->add("../escape", "other").ok());
@@ -113,13 +100,12 @@ TEST_F(CredentialStoreTest, FileStoreKeepsPrivateWholeRecords) {
 
   // The default directory follows the data directory of the moment.
   JovKeyChainWrapper::useFileStore();
-  ASSERT_TRUE(JovKeyChainWrapper::createJovUser(*sampleUser(), kService).ok());
+  ASSERT_TRUE(JovKeyChainWrapper::createJovUser(*user, kService).ok());
   EXPECT_TRUE(std::filesystem::exists(file));
 }
 
 TEST_F(CredentialStoreTest, RecordRoundTripAndWhatItHolds) {
   JovKeyChainWrapper::useFileStore();
-  auto user = sampleUser();
   ASSERT_TRUE(JovKeyChainWrapper::createJovUser(*user, kService).ok());
   ASSERT_TRUE(JovKeyChainWrapper::createJovUser(*user, kService).ok())
       << "an existing record is updated";
@@ -136,15 +122,19 @@ TEST_F(CredentialStoreTest, RecordRoundTripAndWhatItHolds) {
   EXPECT_EQ(back.value()->credentialDictionary(), user->credentialDictionary());
 
   ASSERT_TRUE(JovKeyChainWrapper::deleteFromKeychainWithService(kService).ok());
-  EXPECT_EQ(JovKeyChainWrapper::deleteFromKeychainWithService(kService).error().code(),
+  EXPECT_EQ(codeOf(JovKeyChainWrapper::deleteFromKeychainWithService(kService)),
             JovError::codeNonKeychainItemFound());
 }
 
 TEST_F(CredentialStoreTest, StoreOutcomesBecomeErrorCodes) {
   auto store = std::make_shared<ScriptedStore>();
   JovKeyChainWrapper::setStore(store);
-  auto user = sampleUser();
-  const std::string gap(40, ' ');
+  auto unexpected = [](const std::string& doing) {
+    return "Unexpected result happends when " + doing + " item to keychain," +
+           std::string(40, ' ') + "please check Apple Document for detail with the code";
+  };
+  auto search = [] { return JovKeyChainWrapper::searchFirstItemCopyMatchingService(kService); };
+  auto remove = [] { return JovKeyChainWrapper::deleteFromKeychainWithService(kService); };
 
   store->addOutcome = {Status::Duplicate, 0, ""};
   ASSERT_TRUE(JovKeyChainWrapper::createJovUser(*user, kService).ok());
@@ -153,41 +143,29 @@ TEST_F(CredentialStoreTest, StoreOutcomesBecomeErrorCodes) {
 
   store->addOutcome = {Status::NotAllowed, 13, ""};
   auto denied = JovKeyChainWrapper::createJovUser(*user, kService);
-  EXPECT_EQ(denied.error().code(), JovError::codeKeyChainAccessIsNotAllowed());
+  EXPECT_EQ(codeOf(denied), JovError::codeKeyChainAccessIsNotAllowed());
   EXPECT_EQ(denied.error().userInfo()["keychain_error"], 13);
-
   store->addOutcome = {Status::Failed, 28, ""};
   auto failed = JovKeyChainWrapper::createJovUser(*user, kService);
-  EXPECT_EQ(failed.error().code(), JovError::codeUnexpectedKeyChainError());
+  EXPECT_EQ(codeOf(failed), JovError::codeUnexpectedKeyChainError());
   EXPECT_EQ(failed.error().userInfo()["keychain_error"], 28);
-  EXPECT_EQ(failed.error().userInfo()["message"],
-            "Unexpected result happends when add item to keychain," + gap +
-                "please check Apple Document for detail with the code");
+  EXPECT_EQ(failed.error().userInfo()["message"], unexpected("add"));
 
   store->outcome = {Status::NotFound, 2, ""};
-  EXPECT_EQ(JovKeyChainWrapper::searchFirstItemCopyMatchingService(kService).error().code(),
-            JovError::codeNonKeychainItemFound());
+  EXPECT_EQ(codeOf(search()), JovError::codeNonKeychainItemFound());
   store->outcome = {Status::NotAllowed, 13, ""};
-  EXPECT_EQ(JovKeyChainWrapper::searchFirstItemCopyMatchingService(kService).error().code(),
-            JovError::codeKeyChainAccessIsNotAllowed());
-  EXPECT_EQ(JovKeyChainWrapper::deleteFromKeychainWithService(kService).error().code(),
-            JovError::codeKeyChainAccessIsNotAllowed());
+  EXPECT_EQ(codeOf(search()), JovError::codeKeyChainAccessIsNotAllowed());
+  EXPECT_EQ(codeOf(remove()), JovError::codeKeyChainAccessIsNotAllowed());
   store->outcome = {Status::Failed, 5, ""};
-  auto search = JovKeyChainWrapper::searchFirstItemCopyMatchingService(kService);
-  EXPECT_EQ(search.error().code(), JovError::codeUnexpectedKeyChainError());
-  EXPECT_EQ(search.error().userInfo()["message"],
-            "Unexpected result happends when searching item to keychain," + gap +
-                "please check Apple Document for detail with the code");
-  auto removal = JovKeyChainWrapper::deleteFromKeychainWithService(kService);
-  EXPECT_EQ(removal.error().code(), JovError::codeUnexpectedKeyChainError());
+  EXPECT_EQ(codeOf(search()), JovError::codeUnexpectedKeyChainError());
+  EXPECT_EQ(search().error().userInfo()["message"], unexpected("searching"));
+  auto removal = remove();
+  EXPECT_EQ(codeOf(removal), JovError::codeUnexpectedKeyChainError());
   EXPECT_EQ(removal.error().userInfo()["code"], 5);
-  EXPECT_EQ(removal.error().userInfo()["details"],
-            "Unexpected result happends when deleting item to keychain," + gap +
-                "please check Apple Document for detail with the code");
+  EXPECT_EQ(removal.error().userInfo()["details"], unexpected("deleting"));
 
   // A store failure never touches the current user.
   Jov::setCurrentUser(user);
-  store->outcome = {Status::Failed, 5, ""};
   JovUser::logOut();
   EXPECT_FALSE(JovUser::loggedIn());
   Jov::setCurrentUser(user);
@@ -199,18 +177,17 @@ TEST_F(CredentialStoreTest, StoreOutcomesBecomeErrorCodes) {
 TEST_F(CredentialStoreTest, UnusableRecordsAreRefused) {
   auto store = std::make_shared<ScriptedStore>();
   JovKeyChainWrapper::setStore(store);
-  json good = sampleUser()->credentialDictionary();
+  json good = user->credentialDictionary();
   good["appID"] = "app1";
   good["baseURL"] = jovtest::TestApp::kBaseURL;
   store->record = good.dump();
   EXPECT_TRUE(JovKeyChainWrapper::jovUserFromMatchingService(kService).ok());
 
-  store->record = "{not json";
-  EXPECT_EQ(JovKeyChainWrapper::jovUserFromMatchingService(kService).error().code(),
-            JovError::codeFailedToUnarchived());
-  store->record = "[1]";
-  EXPECT_EQ(JovKeyChainWrapper::jovUserFromMatchingService(kService).error().code(),
-            JovError::codeFailedToUnarchived());
+  for (const char* unreadable : {"{not json", "[1]"}) {
+    store->record = unreadable;
+    EXPECT_EQ(codeOf(JovKeyChainWrapper::jovUserFromMatchingService(kService)),
+              JovError::codeFailedToUnarchived());
+  }
 
   const std::pair<const char*, json> stale[] = {
       {"appID", "other"}, {"baseURL", "https://other/api"},
@@ -223,20 +200,16 @@ TEST_F(CredentialStoreTest, UnusableRecordsAreRefused) {
     else
       record[key] = value;
     store->record = record.dump();
-    EXPECT_EQ(JovKeyChainWrapper::jovUserFromMatchingService(kService).error().code(),
+    EXPECT_EQ(codeOf(JovKeyChainWrapper::jovUserFromMatchingService(kService)),
               JovError::codeValidStoredUserNotFound())
         << key;
   }
 }
 
 TEST_F(CredentialStoreTest, NoSecretServiceWithoutASessionBus) {
-  std::vector<std::pair<std::string, std::optional<std::string>>> saved;
-  for (const char* name : {"DBUS_SESSION_BUS_ADDRESS", "XDG_RUNTIME_DIR"}) {
-    const char* v = std::getenv(name);
-    saved.emplace_back(name, v ? std::optional<std::string>(v) : std::nullopt);
-  }
-  unsetenv("DBUS_SESSION_BUS_ADDRESS");
-  setenv("XDG_RUNTIME_DIR", app.dataDirectory.c_str(), 1);  // no "bus" socket there
+  // No session bus address, and no "bus" socket in the runtime directory.
+  jovtest::ScopedEnv env{{"DBUS_SESSION_BUS_ADDRESS", nullptr},
+                         {"XDG_RUNTIME_DIR", app.dataDirectory.c_str()}};
   const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(makeSecretServiceCredentialStore());
   JovKeyChainWrapper::useMemoryStore();
@@ -247,8 +220,6 @@ TEST_F(CredentialStoreTest, NoSecretServiceWithoutASessionBus) {
   JovKeyChainWrapper::setStore(nullptr);
   EXPECT_EQ(JovKeyChainWrapper::store()->name().rfind("file", 0), 0u);
   EXPECT_LT(std::chrono::steady_clock::now() - start, 2s) << "the probe does not wait";
-  for (const auto& [name, value] : saved)
-    value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
 }
 
 }  // namespace

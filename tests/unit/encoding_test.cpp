@@ -29,9 +29,7 @@ TEST(EncodingTest, Md5AndChecksum) {
   // Same digest, other case.
   EXPECT_EQ(md5("abc"), "900150983cd24fb0d6963f7d28e17f72");
   EXPECT_EQ(checksum(string("abc")), "900150983CD24FB0D6963F7D28E17F72");
-  const std::vector<std::uint8_t> bytes{'a', 'b', 'c'};
-  EXPECT_EQ(checksum(bytes), "900150983CD24FB0D6963F7D28E17F72");
-
+  EXPECT_EQ(checksum(std::vector<std::uint8_t>{'a', 'b', 'c'}), "900150983CD24FB0D6963F7D28E17F72");
   // md5 stops at a zero byte, checksum digests every byte.
   const string withZero("abc\0def", 7);
   EXPECT_EQ(md5(withZero), md5("abc"));
@@ -70,8 +68,7 @@ TEST(EncodingTest, Base64AndHexToken) {
   EXPECT_EQ(base64(string("\0\0", 2)), "AAA=");
 
   // Large inputs are encoded piecewise; the pieces must join seamlessly.
-  string big;
-  string expected;
+  string big, expected;
   for (int i = 0; i < (1 << 20) + 1; ++i) {
     big += "foo";
     expected += "Zm9v";
@@ -86,9 +83,8 @@ TEST(EncodingTest, Base64AndHexToken) {
 TEST(EncodingTest, JsonParseAndSerialise) {
   EXPECT_EQ(text(JSONValue(R"({ "b" : null, "a" : [1, "x"] })")), R"({"a":[1,"x"],"b":null})");
   EXPECT_EQ(text(JSONValue(" [true] ")), "[true]");
-  for (const char* bad : {"", "{", "{\"a\":}", "{} x", "[1,]", "{'a':1}", "\"\xFF\""}) {
+  for (const char* bad : {"", "{", "{\"a\":}", "{} x", "[1,]", "{'a':1}", "\"\xFF\""})
     EXPECT_EQ(text(JSONValue(bad)), "<none>") << bad;
-  }
 
   EXPECT_EQ(JSONRepresentation(json{{"a", json::array({1, "x"})}, {"b", nullptr}}),
             R"({"a":[1,"x"],"b":null})");
@@ -115,9 +111,8 @@ TEST(EncodingTest, JsonAccessorsTreatNullAndWrongTypesAsAbsent) {
   EXPECT_EQ(jsonInt64(o, "max"), std::numeric_limits<std::int64_t>::max());
   EXPECT_EQ(jsonInt64(o, "min"), std::numeric_limits<std::int64_t>::min());
   EXPECT_EQ(jsonInt64(o, "minf"), std::numeric_limits<std::int64_t>::min());
-  for (const char* key : {"frac", "str12", "t", "n", "big", "huge", "over", "missing"}) {
+  for (const char* key : {"frac", "str12", "t", "n", "big", "huge", "over", "missing"})
     EXPECT_EQ(jsonInt64(o, key), std::nullopt) << key;
-  }
 
   EXPECT_EQ(jsonBool(o, "t"), true);
   EXPECT_EQ(jsonBool(o, "f0"), false);

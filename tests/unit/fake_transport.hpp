@@ -1,22 +1,13 @@
-// A fake transport for unit tests: it records every request (method, URL, headers, body) and
-// plays scripted answers (status, headers, body, or a transport error).
-//
-//   auto fake = jovtest::FakeTransport::install();       // Jov::setRequestFactory(fake)
-//   fake->push(jovtest::Answer::json(200, {{"id", "u1"}}));
-//   fake->on("GET", "/users/u1", jovtest::Answer::json(404, {{"errorCode", "USER_NOT_FOUND"}}));
-//   ... run the operation ...
-//   EXPECT_EQ(fake->last().path(), "/users/u1");
-//
+// A fake transport for unit tests: it records every request and plays scripted answers.
 // Routes (on) answer every matching request; otherwise queued answers (push) are used in order;
-// with neither, the request gets a transport error, so a request nobody scripted fails loudly
-// in the test's assertions instead of hanging. A handler may also compute the answer, and may
-// block (on a future the test controls) to hold an exchange in flight.
+// with neither, the request gets a transport error, so an unscripted request fails loudly instead
+// of hanging. A handler may block (on a future the test controls) to hold an exchange in flight.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <algorithm>
-#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -34,7 +25,9 @@
 #include <vector>
 
 #include "jov/application.hpp"
+#include "jov/credential_store.hpp"
 #include "jov/transport.hpp"
+#include "jov/user.hpp"
 
 namespace jovtest {
 
@@ -49,19 +42,8 @@ struct Recorded {
   std::optional<std::string> header(const std::string& name) const {
     return jov::jovHeaderValue(headers, name);
   }
-  /// How many times a header was sent.
-  std::size_t headerCount(const std::string& name) const {
-    std::size_t n = 0;
-    for (const auto& [field, value] : headers)
-      if (field.size() == name.size() &&
-          std::equal(field.begin(), field.end(), name.begin(),
-                     [](char a, char b) { return std::tolower(a) == std::tolower(b); }))
-        ++n;
-    return n;
-  }
   /// The body parsed as JSON (null when empty or not JSON).
   nlohmann::json json() const {
-    if (body.empty()) return nullptr;
     auto parsed = nlohmann::json::parse(body, nullptr, false);
     return parsed.is_discarded() ? nlohmann::json(nullptr) : parsed;
   }
@@ -70,8 +52,7 @@ struct Recorded {
     std::string base = jov::Jov::baseURL();
     std::string rest = url.rfind(base, 0) == 0 ? url.substr(base.size()) : url;
     std::string app = "/apps/" + jov::Jov::appID();
-    if (rest.rfind(app, 0) == 0) rest = rest.substr(app.size());
-    return rest;
+    return rest.rfind(app, 0) == 0 ? rest.substr(app.size()) : rest;
   }
 };
 
@@ -83,24 +64,12 @@ struct Answer {
   std::optional<std::string> transportError;  ///< set: no status arrives, the exchange fails
 
   static Answer json(int status, const nlohmann::json& body, jov::JovHeaders headers = {}) {
-    Answer a;
-    a.status = status;
-    a.body = body.dump();
-    a.headers = std::move(headers);
-    a.headers.push_back({"Content-Type", "application/json"});
-    return a;
+    headers.push_back({"Content-Type", "application/json"});
+    return {status, std::move(headers), body.dump(), std::nullopt};
   }
-  static Answer text(int status, std::string body) {
-    Answer a;
-    a.status = status;
-    a.body = std::move(body);
-    return a;
-  }
+  static Answer text(int status, std::string body) { return {status, {}, std::move(body), {}}; }
   static Answer error(std::string message = "connection refused") {
-    Answer a;
-    a.status = 0;
-    a.transportError = std::move(message);
-    return a;
+    return {0, {}, "", std::move(message)};
   }
   /// A service error body: {"errorCode": code, "message": message}.
   static Answer serviceError(int status, const std::string& code, const std::string& message = "") {
@@ -125,11 +94,10 @@ class FakeTransport : public jov::JovURLRequestFactory,
     std::lock_guard lock(mutex_);
     queue_.push_back(std::move(answer));
   }
-  /// Answers every request with this method whose path() equals `path`.
+  /// Answers every request with this method whose path() equals `path`; the latest route wins.
   void on(const std::string& method, const std::string& path, Answer answer) {
     on(method, path, [answer](const Recorded&) { return answer; });
   }
-  /// Answers every request with this method and path through the handler.
   void on(const std::string& method, const std::string& path, Handler handler) {
     std::lock_guard lock(mutex_);
     routes_.push_back({method, path, std::move(handler)});
@@ -147,23 +115,18 @@ class FakeTransport : public jov::JovURLRequestFactory,
     std::lock_guard lock(mutex_);
     return requests_;
   }
-  /// How many requests arrived.
-  std::size_t count() const {
-    std::lock_guard lock(mutex_);
-    return requests_.size();
-  }
+  std::size_t count() const { return requests().size(); }
   /// How many requests with this method and path arrived.
   std::size_t count(const std::string& method, const std::string& path) const {
-    std::size_t n = 0;
-    for (const auto& r : requests())
-      if (r.method == method && r.path() == path) ++n;
-    return n;
+    auto all = requests();
+    return std::count_if(all.begin(), all.end(),
+                         [&](const Recorded& r) { return r.method == method && r.path() == path; });
   }
-  /// The last request; fails (throws) when none arrived.
+  /// The last request; throws when none arrived.
   Recorded last() const {
-    std::lock_guard lock(mutex_);
-    if (requests_.empty()) throw std::logic_error("no request was sent");
-    return requests_.back();
+    auto all = requests();
+    if (all.empty()) throw std::logic_error("no request was sent");
+    return all.back();
   }
   /// Waits until at least `n` requests arrived, at most `limit`; false on timeout.
   bool waitForRequests(std::size_t n, std::chrono::milliseconds limit) const {
@@ -194,19 +157,15 @@ class FakeTransport : public jov::JovURLRequestFactory,
       }
       reportSent(static_cast<std::int64_t>(r.body.size()));
       Answer a = owner_->answer(r);
-      if (a.transportError) {
-        responseError_ = a.transportError;
-        return;
-      }
+      if ((responseError_ = a.transportError)) return;
       responseCode_ = a.status;
       responseHeaders_ = a.headers;
-      if (downloadFile_ && a.status >= 200 && a.status <= 299) {
+      if (downloadFile_ && a.status >= 200 && a.status <= 299)
         std::ofstream(*downloadFile_, std::ios::binary) << a.body;
-      } else {
+      else
         responseData_ = a.body;
-      }
-      const auto size = static_cast<std::int64_t>(a.body.size());
-      reportReceived(size, size);
+      reportReceived(static_cast<std::int64_t>(a.body.size()),
+                     static_cast<std::int64_t>(a.body.size()));
     }
 
    private:
@@ -229,8 +188,7 @@ class FakeTransport : public jov::JovURLRequestFactory,
     arrived_.notify_all();
     // Outside the lock: a handler may block to hold this exchange in flight.
     if (handler) return handler(r);
-    if (queued) return *queued;
-    return Answer::error("no scripted answer for " + r.method + " " + r.url);
+    return queued ? *queued : Answer::error("no scripted answer for " + r.method + " " + r.url);
   }
 
   mutable std::mutex mutex_;
@@ -247,11 +205,9 @@ class TestApp {
   static constexpr const char* kBaseURL = "https://api.example.test/api";
 
   explicit TestApp(const std::string& appID = "app1", const std::string& appKey = "key1") {
-    std::string pattern = (std::filesystem::temp_directory_path() / "jov-unit-XXXXXX").string();
-    std::vector<char> name(pattern.begin(), pattern.end());
-    name.push_back('\0');
+    std::string name = (std::filesystem::temp_directory_path() / "jov-unit-XXXXXX").string();
     if (!::mkdtemp(name.data())) throw std::runtime_error("mkdtemp failed");
-    dataDirectory = name.data();
+    dataDirectory = name;
     jov::Jov::setDataDirectory(dataDirectory);
     jov::Jov::beginWithID(appID, appKey, std::string(kBaseURL));
     fake = FakeTransport::install();
@@ -266,6 +222,61 @@ class TestApp {
 
   std::filesystem::path dataDirectory;
   std::shared_ptr<FakeTransport> fake;
+};
+
+/// A fixture for user tests: a TestApp, credentials kept in memory, nobody logged in around it.
+class UserTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    jov::JovKeyChainWrapper::useMemoryStore();
+    jov::JovUser::logOut();
+  }
+  void TearDown() override { jov::JovUser::logOut(); }
+
+  TestApp app;
+  FakeTransport& fake = *app.fake;
+};
+
+/// A user made from a credential dictionary: u1 with token t0 valid until 2100, plus `extra`.
+inline jov::JovUser::Ptr credentialUser(const nlohmann::json& extra = nlohmann::json::object()) {
+  nlohmann::json dict = {
+      {"userID", "u1"}, {"accessToken", "t0"}, {"accesstokenExpiresAt", 4102444800000LL}};
+  dict.update(extra);
+  return jov::JovUser::userWithCredentialDictionary(dict);
+}
+
+/// The error code of a result, or -1 for success.
+template <class R>
+int codeOf(const R& result) {
+  return result.ok() ? -1 : result.error().code();
+}
+
+/// The message of the std::invalid_argument the call raises, or "no exception".
+inline std::string thrownMessage(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const std::invalid_argument& e) {
+    return e.what();
+  }
+  return "no exception";
+}
+
+/// Sets (or, for nullptr, unsets) environment variables until it goes.
+struct ScopedEnv {
+  ScopedEnv(std::initializer_list<std::pair<const char*, const char*>> vars) {
+    for (const auto& [name, value] : vars) {
+      const char* old = std::getenv(name);
+      saved.emplace_back(name, old ? std::optional<std::string>(old) : std::nullopt);
+      set(name, value);
+    }
+  }
+  ~ScopedEnv() {
+    for (const auto& [name, value] : saved) set(name, value ? value->c_str() : nullptr);
+  }
+  static void set(const char* name, const char* value) {
+    value ? ::setenv(name, value, 1) : ::unsetenv(name);
+  }
+  std::vector<std::pair<const char*, std::optional<std::string>>> saved;
 };
 
 }  // namespace jovtest

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "fake_transport.hpp"
-#include "jov/credential_store.hpp"
-#include "jov/user.hpp"
 #include "jov/user_builder.hpp"
 #include "users/user_internal.hpp"
 
@@ -12,39 +10,21 @@ namespace jov {
 namespace {
 
 using jovtest::Answer;
+using jovtest::codeOf;
+using jovtest::thrownMessage;
 using nlohmann::json;
 
 constexpr const char* kService = JovKeyChainWrapper::kUserCredentialsService;
 
-std::string thrownMessage(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const std::invalid_argument& e) {
-    return e.what();
-  }
-  return "no exception";
-}
-
-class UserAccountTest : public ::testing::Test {
+class UserAccountTest : public jovtest::UserTest {
  protected:
-  void SetUp() override {
-    JovKeyChainWrapper::useMemoryStore();
-    JovUser::logOut();
-  }
-  void TearDown() override { JovUser::logOut(); }
-
-  JovUser::Ptr loginAlice(json extra = json::object()) {
-    json dict = {{"userID", "u1"},
-                 {"accessToken", "t0"},
-                 {"accesstokenExpiresAt", 4102444800000LL},
-                 {"username", "alice"}};
-    dict.update(extra);
-    auto user = JovUser::userWithCredentialDictionary(dict);
+  JovUser::Ptr loginAlice() {
+    auto user = jovtest::credentialUser({{"username", "alice"}});
     Jov::setCurrentUser(user);
     EXPECT_TRUE(JovKeyChainWrapper::createJovUser(*user, kService).ok());
     return user;
   }
-  // The error code of a blocking call whose single exchange gets `answer`.
+  // The error code (-1 for success) of a blocking call whose single exchange gets `answer`.
   int codeFor(const std::string& method, const std::string& path, const Answer& answer,
               const std::function<Result<void>()>& call) {
     fake.reset();
@@ -53,9 +33,6 @@ class UserAccountTest : public ::testing::Test {
     EXPECT_EQ(fake.count(), 1u) << path;
     return r.ok() ? -1 : r.error().code();
   }
-
-  jovtest::TestApp app;
-  jovtest::FakeTransport& fake = *app.fake;
 };
 
 TEST_F(UserAccountTest, RefreshAndSave) {
@@ -70,7 +47,7 @@ TEST_F(UserAccountTest, RefreshAndSave) {
       << "the current user's credentials are stored again";
 
   fake.on("GET", "/users/u1", Answer::text(200, "null"));
-  EXPECT_EQ(user->refreshSynchronous().error().code(), JovError::codeUnableToParseResponse());
+  EXPECT_EQ(codeOf(user->refreshSynchronous()), JovError::codeUnableToParseResponse());
   EXPECT_EQ(user->displayName(), "Al");
 
   fake.reset();
@@ -88,15 +65,15 @@ TEST_F(UserAccountTest, RefreshAndSave) {
   // A user without an ID has nothing to refresh, save or delete.
   fake.reset();
   auto unsaved = JovUser::userWithUsername("bob", "pass1234");
-  EXPECT_EQ(unsaved->refreshSynchronous().error().code(), JovError::codeInvalidObjects());
-  EXPECT_EQ(unsaved->saveSynchronous().error().code(), JovError::codeInvalidObjects());
-  EXPECT_EQ(unsaved->deleteSynchronous().error().code(), JovError::codeInvalidObjects());
+  EXPECT_EQ(codeOf(unsaved->refreshSynchronous()), JovError::codeInvalidObjects());
+  EXPECT_EQ(codeOf(unsaved->saveSynchronous()), JovError::codeInvalidObjects());
+  EXPECT_EQ(codeOf(unsaved->deleteSynchronous()), JovError::codeInvalidObjects());
   EXPECT_EQ(fake.count(), 0u);
 }
 
 TEST_F(UserAccountTest, PasswordChangeLogsInAgain) {
   auto user = loginAlice();
-  EXPECT_EQ(user->updatePasswordSynchronous("pass1234", "abc").error().code(),
+  EXPECT_EQ(codeOf(user->updatePasswordSynchronous("pass1234", "abc")),
             JovError::codeInvalidPasswordFormat());
   EXPECT_EQ(fake.count(), 0u);
 
@@ -133,27 +110,22 @@ TEST_F(UserAccountTest, ResetPasswordRequest) {
               JovUser::resetPasswordAsync("a@b.c", static_cast<JovNotificationMethod>(-1));
             }),
             "Invalid notificationMethod value");
-  EXPECT_EQ(JovUser::resetPasswordSynchronous("alice", JovNotificationMethodEmail).error().code(),
+  EXPECT_EQ(codeOf(JovUser::resetPasswordSynchronous("alice", JovNotificationMethodEmail)),
             JovError::codeInvalidUserIdentifier());
-  EXPECT_EQ(
-      JovUser::resetPasswordSynchronous("09012345678", JovNotificationMethodSMS).error().code(),
-      JovError::codeInvalidUserIdentifier())
+  EXPECT_EQ(codeOf(JovUser::resetPasswordSynchronous("09012345678", JovNotificationMethodSMS)),
+            JovError::codeInvalidUserIdentifier())
       << "a local number is not an identifier";
   EXPECT_EQ(fake.count(), 0u);
 
   loginAlice();  // the request is anonymous even with a user logged in
+  const std::string email = "/users/EMAIL%3Aa%40example.com";
+  const std::string phone = "/users/PHONE%3A%2B819012345678";
   const std::tuple<std::string, JovNotificationMethod, std::string, json> cases[] = {
-      {"a@example.com",
-       JovNotificationMethodEmail,
-       "/users/EMAIL%3Aa%40example.com",
-       {{"notificationMethod", "EMAIL"}}},
-      {"+819012345678",
-       JovNotificationMethodSMS,
-       "/users/PHONE%3A%2B819012345678",
-       {{"notificationMethod", "SMS"}}},
+      {"a@example.com", JovNotificationMethodEmail, email, {{"notificationMethod", "EMAIL"}}},
+      {"+819012345678", JovNotificationMethodSMS, phone, {{"notificationMethod", "SMS"}}},
       {"+819012345678",
        JovNotificationMethodSMSPin,
-       "/users/PHONE%3A%2B819012345678",
+       phone,
        {{"notificationMethod", "SMS"}, {"smsResetMethod", "PIN"}}},
   };
   for (const auto& [identifier, method, path, body] : cases) {
@@ -165,27 +137,26 @@ TEST_F(UserAccountTest, ResetPasswordRequest) {
     EXPECT_FALSE(sent.header("Authorization"));
     EXPECT_EQ(sent.json(), body);
   }
-
-  const std::string path = "/users/EMAIL%3Aa%40example.com/password/request-reset";
+  const std::pair<Answer, int> failures[] = {
+      {Answer::serviceError(400, "INVALID_INPUT_DATA"), JovError::codeInvalidUserIdentifier()},
+      {Answer::serviceError(404, "USER_NOT_FOUND"), JovError::codeUserNotFound()},
+      {Answer::serviceError(409, "INVALID_STATUS"), JovError::codeInvalidUserStatus()},
+      {Answer::serviceError(400, "OTHER"), 0},
+      {Answer::error(), JovError::codeUnableToConnectToInternet()},
+  };
   auto reset = [] {
     return JovUser::resetPasswordSynchronous("a@example.com", JovNotificationMethodEmail);
   };
-  EXPECT_EQ(codeFor("POST", path, Answer::serviceError(400, "INVALID_INPUT_DATA"), reset),
-            JovError::codeInvalidUserIdentifier());
-  EXPECT_EQ(codeFor("POST", path, Answer::serviceError(404, "USER_NOT_FOUND"), reset),
-            JovError::codeUserNotFound());
-  EXPECT_EQ(codeFor("POST", path, Answer::serviceError(409, "INVALID_STATUS"), reset),
-            JovError::codeInvalidUserStatus());
-  EXPECT_EQ(codeFor("POST", path, Answer::serviceError(400, "OTHER"), reset), 0);
-  EXPECT_EQ(codeFor("POST", path, Answer::error(), reset),
-            JovError::codeUnableToConnectToInternet());
+  for (const auto& [answer, code] : failures)
+    EXPECT_EQ(codeFor("POST", email + "/password/request-reset", answer, reset), code)
+        << answer.body;
 
   // The older form: e-mail only, no body.
   fake.reset();
   fake.on("POST", "/users/EMAIL:a%40example.com/password/request-reset", Answer::text(204, ""));
   ASSERT_TRUE(JovUser::resetPasswordSynchronous("a@example.com").ok());
   EXPECT_EQ(fake.last().body, "");
-  EXPECT_EQ(JovUser::resetPasswordSynchronous("not-mail").error().code(),
+  EXPECT_EQ(codeOf(JovUser::resetPasswordSynchronous("not-mail")),
             JovError::codeInvalidEmailFormat());
   EXPECT_EQ(fake.count(), 1u);
 }
@@ -197,7 +168,7 @@ TEST_F(UserAccountTest, CompleteResetPassword) {
     };
   };
   EXPECT_EQ(complete("", "newpass1")().error().code(), JovError::codeInvalidPinCode());
-  EXPECT_EQ(JovUser::completeResetPasswordSynchronous("bob", "1234", std::nullopt).error().code(),
+  EXPECT_EQ(codeOf(JovUser::completeResetPasswordSynchronous("bob", "1234", std::nullopt)),
             JovError::codeInvalidUserIdentifier());
   EXPECT_EQ(complete("1234", "abc")().error().code(), JovError::codeInvalidPasswordFormat());
   EXPECT_EQ(fake.count(), 0u);
@@ -230,50 +201,40 @@ TEST_F(UserAccountTest, CompleteResetPassword) {
   };
   for (const auto& [answer, code] : cases)
     EXPECT_EQ(codeFor("POST", path, answer, complete("1234", "newpass1")), code) << answer.body;
-  EXPECT_EQ(JovError::codePINCodeIsExpired(), 344);
 }
 
 TEST_F(UserAccountTest, EmailAndPhoneChangesAndVerification) {
   auto user = loginAlice();
-  EXPECT_EQ(user->changeEmailSynchronous("nope").error().code(),
-            JovError::codeInvalidEmailFormat());
-  EXPECT_EQ(user->changePhoneSynchronous("12-34").error().code(),
-            JovError::codeInvalidPhoneFormat());
+  EXPECT_EQ(codeOf(user->changeEmailSynchronous("nope")), JovError::codeInvalidEmailFormat());
+  EXPECT_EQ(codeOf(user->changePhoneSynchronous("12-34")), JovError::codeInvalidPhoneFormat());
   EXPECT_EQ(fake.count(), 0u);
 
+  // The exchange, its request type, the operation, the one key sent with its value, and the
+  // code of a refusal.
   struct Case {
-    std::string method, path, contentType;
-    json body;
-    std::function<Result<void>()> call;
-    int failure;
-  };
-  const Case cases[] = {
-      {"PUT",
-       "/users/u1/email-address",
-       "application/vnd.jov.EmailAddressModificationRequest+json",
-       {{"emailAddress", "new@example.com"}},
-       [user] { return user->changeEmailSynchronous("new@example.com"); },
+    std::string method, path, request;
+    Result<void> (JovUser::*operation)(const std::string&);
+    std::string key, value;
+    int refused;
+  } cases[] = {
+      {"PUT", "/users/u1/email-address", "EmailAddressModification",
+       &JovUser::changeEmailSynchronous, "emailAddress", "new@example.com",
        JovError::codeUnableToUpdateEmail()},
-      {"PUT",
-       "/users/u1/phone-number",
-       "application/vnd.jov.PhoneNumberModificationRequest+json",
-       {{"phoneNumber", "+819012345678"}},
-       [user] { return user->changePhoneSynchronous("+819012345678"); },
-       JovError::codeUnableToUpdatePhoneNumber()},
-      {"POST",
-       "/users/u1/phone-number/verify",
-       "application/vnd.jov.AddressVerificationRequest+json",
-       {{"verificationCode", "123456"}},
-       [user] { return user->verifyPhoneNumberSynchronous("123456"); },
+      {"PUT", "/users/u1/phone-number", "PhoneNumberModification", &JovUser::changePhoneSynchronous,
+       "phoneNumber", "+819012345678", JovError::codeUnableToUpdatePhoneNumber()},
+      {"POST", "/users/u1/phone-number/verify", "AddressVerification",
+       &JovUser::verifyPhoneNumberSynchronous, "verificationCode", "123456",
        JovError::codeUnableToVerifyUser()},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(codeFor(c.method, c.path, Answer::text(204, ""), c.call), -1) << c.path;
-    EXPECT_EQ(fake.last().header("Content-type"), c.contentType);
-    EXPECT_EQ(fake.last().json(), c.body);
-    EXPECT_EQ(codeFor(c.method, c.path, Answer::serviceError(400, "INVALID_INPUT_DATA"), c.call),
-              c.failure);
-    EXPECT_EQ(codeFor(c.method, c.path, Answer::error(), c.call),
+    auto call = [&] { return ((*user).*c.operation)(c.value); };
+    EXPECT_EQ(codeFor(c.method, c.path, Answer::text(204, ""), call), -1) << c.path;
+    EXPECT_EQ(fake.last().header("Content-type"),
+              "application/vnd.jov." + c.request + "Request+json");
+    EXPECT_EQ(fake.last().json(), json({{c.key, c.value}}));
+    EXPECT_EQ(codeFor(c.method, c.path, Answer::serviceError(400, "INVALID_INPUT_DATA"), call),
+              c.refused);
+    EXPECT_EQ(codeFor(c.method, c.path, Answer::error(), call),
               JovError::codeUnableToConnectToInternet());
   }
   EXPECT_TRUE(user->phoneVerified());
@@ -293,18 +254,18 @@ TEST_F(UserAccountTest, EmailAndPhoneChangesAndVerification) {
 TEST_F(UserAccountTest, IdentityUpdatesOfTheLoggedInUser) {
   auto stranger = JovUser::userWithID("u2");
   auto identity = JovIdentityDataBuilder().setEmail("new@example.com").build();
-  EXPECT_EQ(stranger->updateWithIdentityDataSynchronous(identity, {}).error().code(),
+  EXPECT_EQ(codeOf(stranger->updateWithIdentityDataSynchronous(identity, {})),
             JovError::codeNonLoggedInUserIsNotAllowed());
-  EXPECT_EQ(stranger->putIdentityDataSynchronous(identity, {}, "pass1234").error().code(),
+  EXPECT_EQ(codeOf(stranger->putIdentityDataSynchronous(identity, {}, "pass1234")),
             JovError::codeNonLoggedInUserIsNotAllowed());
 
   auto user = loginAlice();
   auto local = JovIdentityDataBuilder().setPhoneNumber("09012345678").build();
-  EXPECT_EQ(user->putIdentityDataSynchronous(local, {}, "pass1234").error().code(),
+  EXPECT_EQ(codeOf(user->putIdentityDataSynchronous(local, {}, "pass1234")),
             JovError::codeLocalPhoneRequiresCountryCode());
-  EXPECT_EQ(user->putIdentityDataSynchronous(identity, {}, "ab").error().code(),
+  EXPECT_EQ(codeOf(user->putIdentityDataSynchronous(identity, {}, "ab")),
             JovError::codeInvalidPasswordFormat());
-  EXPECT_EQ(user->updateWithIdentityDataSynchronous(JovIdentityData(), {}).error().code(),
+  EXPECT_EQ(codeOf(user->updateWithIdentityDataSynchronous(JovIdentityData(), {})),
             JovError::codeInvalidUserObject());
   EXPECT_EQ(fake.count(), 0u);
 
@@ -326,22 +287,19 @@ TEST_F(UserAccountTest, IdentityUpdatesOfTheLoggedInUser) {
   EXPECT_EQ(user->displayName(), "Alice");
 
   fake.on("POST", "/users/me", Answer::serviceError(409, "USER_ALREADY_EXISTS"));
-  EXPECT_EQ(user->updateWithUserFieldsSynchronous(fields).error().code(),
-            JovError::codeDuplicateEntry());
+  EXPECT_EQ(codeOf(user->updateWithUserFieldsSynchronous(fields)), JovError::codeDuplicateEntry());
   fake.on("POST", "/users/me", Answer::serviceError(404, "USER_NOT_FOUND"));
-  EXPECT_EQ(user->updateWithUserFieldsSynchronous(fields).error().code(),
-            JovError::codeUserNotFound());
+  EXPECT_EQ(codeOf(user->updateWithUserFieldsSynchronous(fields)), JovError::codeUserNotFound());
   // A full user cannot be upgraded; a pseudo user cannot be updated.
-  EXPECT_EQ(user->putIdentityDataSynchronous(identity, {}, "pass1234").error().code(),
+  EXPECT_EQ(codeOf(user->putIdentityDataSynchronous(identity, {}, "pass1234")),
             JovError::codeInvalidUserObject());
 
   fake.reset();
   fake.on("GET", "/users/u1", Answer::json(200, {{"userID", "u1"}, {"color", "red"}}));
   fake.on("POST", "/users/me", Answer::text(204, ""));
-  auto pseudo = JovUser::userWithCredentialDictionary(
-      {{"userID", "u1"}, {"accessToken", "pt"}, {"accesstokenExpiresAt", 4102444800000LL}});
+  auto pseudo = jovtest::credentialUser({{"accessToken", "pt"}});
   Jov::setCurrentUser(pseudo);
-  EXPECT_EQ(pseudo->updateWithUserFieldsSynchronous(fields).error().code(),
+  EXPECT_EQ(codeOf(pseudo->updateWithUserFieldsSynchronous(fields)),
             JovError::codePseudoUserIsNotAllowed());
   EXPECT_EQ(fake.count("POST", "/users/me"), 0u);
 
@@ -349,10 +307,8 @@ TEST_F(UserAccountTest, IdentityUpdatesOfTheLoggedInUser) {
   JovUserFields country;
   country.setCountry("JP");
   ASSERT_TRUE(pseudo->putIdentityDataSynchronous(local, country, "pass1234").ok());
-  EXPECT_EQ(fake.last().json(), json({{"color", "red"},
-                                      {"phoneNumber", "09012345678"},
-                                      {"country", "JP"},
-                                      {"password", "pass1234"}}));
+  EXPECT_EQ(fake.last().json(), R"({"color": "red", "phoneNumber": "09012345678", "country": "JP",
+                                    "password": "pass1234"})"_json);
   EXPECT_FALSE(pseudo->isPseudoUser());
   EXPECT_EQ(pseudo->phoneNumber(), "09012345678");
   EXPECT_EQ(pseudo->country(), "JP");
@@ -373,12 +329,9 @@ TEST_F(UserAccountTest, DeleteEndsTheLogin) {
 }
 
 TEST_F(UserAccountTest, Lookups) {
-  EXPECT_EQ(JovUser::findUserByUsernameSynchronous("a").error().code(),
-            JovError::codeInvalidUsername());
-  EXPECT_EQ(JovUser::findUserByEmailSynchronous("a").error().code(),
-            JovError::codeInvalidEmailFormat());
-  EXPECT_EQ(JovUser::findUserByPhoneSynchronous("+12").error().code(),
-            JovError::codeInvalidPhoneFormat());
+  EXPECT_EQ(codeOf(JovUser::findUserByUsernameSynchronous("a")), JovError::codeInvalidUsername());
+  EXPECT_EQ(codeOf(JovUser::findUserByEmailSynchronous("a")), JovError::codeInvalidEmailFormat());
+  EXPECT_EQ(codeOf(JovUser::findUserByPhoneSynchronous("+12")), JovError::codeInvalidPhoneFormat());
   EXPECT_EQ(fake.count(), 0u);
 
   loginAlice();
@@ -400,7 +353,7 @@ TEST_F(UserAccountTest, Lookups) {
     EXPECT_NE(JovUser::currentUser(), r.value());
   }
   fake.on("GET", "/users/LOGIN_NAME:bob", Answer::text(200, "\"bob\""));
-  EXPECT_EQ(JovUser::findUserByUsernameSynchronous("bob").error().code(),
+  EXPECT_EQ(codeOf(JovUser::findUserByUsernameSynchronous("bob")),
             JovError::codeUnableToParseResponse());
 }
 

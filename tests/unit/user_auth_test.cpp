@@ -1,12 +1,9 @@
 // Registration and login against the fake transport: request shapes, identifier choice, checks
 // before any request, failures that leave nobody logged in, token login and the async forms.
 #include <gtest/gtest.h>
-
-#include <cstdlib>
+#include <strings.h>
 
 #include "fake_transport.hpp"
-#include "jov/credential_store.hpp"
-#include "jov/user.hpp"
 #include "jov/user_builder.hpp"
 #include "users/user_internal.hpp"
 
@@ -14,88 +11,86 @@ namespace jov {
 namespace {
 
 using jovtest::Answer;
+using jovtest::codeOf;
+using jovtest::thrownMessage;
 using nlohmann::json;
 using namespace std::chrono_literals;
+using Login = std::function<Result<JovUser::Ptr>()>;
 
 constexpr const char* kService = JovKeyChainWrapper::kUserCredentialsService;
 
-class UserAuthTest : public ::testing::Test {
+class UserAuthTest : public jovtest::UserTest {
  protected:
-  void SetUp() override {
-    JovKeyChainWrapper::useMemoryStore();
-    JovUser::logOut();
-    for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
-      const char* v = std::getenv(name);
-      savedLocale_.emplace_back(name, v ? v : "");
-      unsetenv(name);
-    }
-  }
-  void TearDown() override {
-    JovUser::logOut();
-    for (const auto& [name, value] : savedLocale_)
-      value.empty() ? unsetenv(name.c_str()) : setenv(name.c_str(), value.c_str(), 1);
-  }
-
   // A current user made without the network, to see that a failed login logs it out.
-  JovUser::Ptr loginLocally(const std::string& id = "old") {
-    auto user = JovUser::userWithCredentialDictionary(
-        {{"userID", id}, {"accessToken", "old-token"}, {"accesstokenExpiresAt", 4102444800000LL}});
+  JovUser::Ptr loginLocally() {
+    auto user = jovtest::credentialUser({{"userID", "old"}});
     Jov::setCurrentUser(user);
     return user;
   }
   // The answers of a successful login of user u1.
   void scriptLogin(const json& record = {{"userID", "u1"}, {"loginName", "alice"}}) {
-    fake.on("POST", "/oauth2/token",
-            Answer::json(200, {{"id", "u1"},
-                               {"access_token", "t1"},
-                               {"refresh_token", "r1"},
-                               {"expires_in", 3600},
-                               {"token_type", "Bearer"}}));
+    fake.on("POST", "/oauth2/token", Answer::json(200, R"({"id": "u1", "access_token": "t1",
+        "refresh_token": "r1", "expires_in": 3600, "token_type": "Bearer"})"_json));
     fake.on("GET", "/users/u1", Answer::json(200, record));
   }
   bool credentialsStored() { return JovKeyChainWrapper::jovUserFromMatchingService(kService).ok(); }
 
-  jovtest::TestApp app;
-  jovtest::FakeTransport& fake = *app.fake;
-  std::vector<std::pair<std::string, std::string>> savedLocale_;
+  // The device country comes from the locale: none unless a test sets one.
+  jovtest::ScopedEnv locale{{"LC_ALL", nullptr}, {"LC_MESSAGES", nullptr}, {"LANG", nullptr}};
 };
 
 TEST_F(UserAuthTest, RegistrationSendsTheRecordThenLogsIn) {
   setenv("LANG", "ja_JP.UTF-8", 1);
+  Jov::setAccessTokenExpiration(600);
   fake.on("POST", "/users", Answer::json(201, {{"userID", "u1"}}));
   scriptLogin({{"userID", "u1"}, {"loginName", "alice"}, {"level", 5}});
-
   auto user =
       JovUserBuilder::builderWithEmail("a@example.com", "pass1234").setUsername("alice").build();
   user->setDisplayName("Alice");
   user->setLocale("ja-JP");
   user->setObject(5, "level");
+  const auto before = std::chrono::system_clock::now();
   ASSERT_TRUE(user->performRegistrationSynchronous().ok());
+  const auto after = std::chrono::system_clock::now();
+  Jov::setAccessTokenExpiration(0);
 
   auto sent = fake.requests();
   ASSERT_EQ(sent.size(), 3u);
-  EXPECT_EQ(sent[0].method, "POST");
-  EXPECT_EQ(sent[0].url, std::string(jovtest::TestApp::kBaseURL) + "/apps/app1/users");
+  EXPECT_EQ(sent[0].method + " " + sent[0].url,
+            "POST " + std::string(jovtest::TestApp::kBaseURL) + "/apps/app1/users");
   EXPECT_EQ(sent[0].header("Content-type"), "application/vnd.jov.RegistrationRequest+json");
   EXPECT_FALSE(sent[0].header("Authorization"));
-  EXPECT_EQ(sent[0].json(), json({{"password", "pass1234"},
-                                  {"country", "JP"},
-                                  {"loginName", "alice"},
-                                  {"displayName", "Alice"},
-                                  {"emailAddress", "a@example.com"},
-                                  {"locale", "ja-JP"},
-                                  {"level", 5}}));
-  EXPECT_EQ(sent[1].path(), "/oauth2/token");
-  EXPECT_EQ(sent[1].json(), json({{"password", "pass1234"}, {"username", "alice"}}));
+  EXPECT_EQ(sent[0].json(), R"({"password": "pass1234", "country": "JP", "loginName": "alice",
+      "displayName": "Alice", "emailAddress": "a@example.com", "locale": "ja-JP", "level": 5})"_json);
+  // The login: anonymous, asking for the configured token lifetime.
+  EXPECT_EQ(sent[1].method + " " + sent[1].path(), "POST /oauth2/token");
+  EXPECT_FALSE(sent[1].header("Authorization"));
+  auto login = sent[1].json();
+  const auto expiresAt = login["expiresAt"].get<std::int64_t>();
+  EXPECT_GE(expiresAt, detail::toMillis(before + 600s));
+  EXPECT_LE(expiresAt, detail::toMillis(after + 600s));
+  login.erase("expiresAt");
+  EXPECT_EQ(login, json({{"password", "pass1234"}, {"username", "alice"}}));
   EXPECT_EQ(sent[2].path(), "/users/u1");
   EXPECT_EQ(sent[2].header("Authorization"), "Bearer t1");
 
   EXPECT_EQ(JovUser::currentUser(), user);
   EXPECT_EQ(user->userID(), "u1");
+  EXPECT_EQ(user->username(), "alice");
   EXPECT_EQ(user->accessToken(), "t1");
   EXPECT_EQ(user->refreshToken(), "r1");
+  ASSERT_TRUE(user->accessTokenExpiresAt());
+  EXPECT_GE(*user->accessTokenExpiresAt(), before + 3600s);
+  EXPECT_LE(*user->accessTokenExpiresAt(), after + 3600s);
   EXPECT_EQ(user->getObjectForKey("level"), json(5));
-  EXPECT_TRUE(credentialsStored());
+  auto stored = JovKeyChainWrapper::jovUserFromMatchingService(kService);
+  ASSERT_TRUE(stored.ok());
+  EXPECT_EQ(stored.value()->accessToken(), "t1");
+  EXPECT_EQ(stored.value()->refreshToken(), "r1");
+  EXPECT_EQ(
+      JovKeyChainWrapper::searchFirstItemCopyMatchingService(kService).value().find("pass1234"),
+      std::string::npos)
+      << "no password in the stored record";
 
   // The user's own country replaces the device's.
   fake.reset();
@@ -108,92 +103,76 @@ TEST_F(UserAuthTest, RegistrationSendsTheRecordThenLogsIn) {
 }
 
 TEST_F(UserAuthTest, RegistrationRefusals) {
-  struct Case {
-    JovUser::Ptr user;
-    int code;
-  };
   // Checked before any request.
-  const Case invalid[] = {
+  const std::pair<JovUser::Ptr, int> invalid[] = {
       {JovUser::userWithID("x"), JovError::codeInvalidUserObject()},
       {JovUser::userWithUsername("alice", ""), JovError::codeInvalidUserObject()},
       {JovUser::userWithEmailAddress("not-an-address", "pass1234"),
        JovError::codeInvalidEmailFormat()},
       {JovUser::userWithPhoneNumber("12-345-678", "pass1234"), JovError::codeInvalidPhoneFormat()},
   };
-  for (const auto& c : invalid) {
+  for (const auto& [user, code] : invalid) {
     loginLocally();
-    auto r = c.user->performRegistrationSynchronous();
-    ASSERT_FALSE(r.ok());
-    EXPECT_EQ(r.error().code(), c.code);
-    EXPECT_EQ(c.user->validationError()->code(), c.code);
+    EXPECT_EQ(codeOf(user->performRegistrationSynchronous()), code);
+    EXPECT_EQ(user->validationError()->code(), code);
     EXPECT_FALSE(JovUser::loggedIn());
   }
   EXPECT_EQ(fake.count(), 0u);
 
-  // The service's refusals.
-  struct Refusal {
-    Answer answer;
-    int code;
-  };
-  const Refusal refusals[] = {
+  // The service's refusals; the mapped error keeps what the service said.
+  const std::pair<Answer, int> refusals[] = {
       {Answer::serviceError(409, "USER_ALREADY_EXISTS", "taken"), JovError::codeDuplicateEntry()},
       {Answer::serviceError(400, "user_already_exists"), JovError::codeDuplicateEntry()},
       {Answer::serviceError(400, "INVALID_INPUT_DATA", "bad"), 0},
       {Answer::error(), JovError::codeUnableToConnectToInternet()},
       {Answer::text(201, "[]"), JovError::codeUnableToParseResponse()},
   };
-  for (const auto& c : refusals) {
+  for (const auto& [answer, code] : refusals) {
+    SCOPED_TRACE(answer.body);
     fake.reset();
-    fake.on("POST", "/users", c.answer);
+    fake.on("POST", "/users", answer);
     loginLocally();
     auto r = JovUser::userWithUsername("alice", "pass1234")->performRegistrationSynchronous();
     ASSERT_FALSE(r.ok());
-    EXPECT_EQ(r.error().code(), c.code) << c.answer.body;
+    EXPECT_EQ(r.error().code(), code);
     EXPECT_FALSE(JovUser::loggedIn());
     EXPECT_EQ(fake.count(), 1u) << "no login after a failed registration";
+    if (answer.status >= 400) {
+      EXPECT_EQ(r.error().jovHttpStatus(), answer.status);
+      EXPECT_EQ(r.error().jovErrorSummary(),
+                json::parse(answer.body)["errorCode"].get<std::string>());
+    }
   }
-  // The mapped error keeps what the service said.
-  fake.reset();
-  fake.on("POST", "/users", Answer::serviceError(409, "USER_ALREADY_EXISTS", "taken"));
-  auto r = JovUser::userWithUsername("alice", "pass1234")->performRegistrationSynchronous();
-  EXPECT_EQ(r.error().jovErrorSummary(), "USER_ALREADY_EXISTS");
-  EXPECT_EQ(r.error().jovHttpStatus(), 409);
 }
 
 TEST_F(UserAuthTest, LoginChoosesTheIdentifier) {
-  struct Case {
-    json record;
-    std::string expected;
-  };
-  const Case cases[] = {
-      {{{"loginName", "alice"}, {"phoneNumber", "+8190"}, {"phoneNumberVerified", true}}, "alice"},
-      {{{"phoneNumber", "+819012345678"},
-        {"phoneNumberVerified", true},
-        {"emailAddress", "a@b.c"},
-        {"emailAddressVerified", true}},
+  // The login name first; a phone number when verified, or when the e-mail address is not; a
+  // local number is prefixed with its country.
+  const std::pair<const char*, std::string> records[] = {
+      {R"({"loginName": "alice", "phoneNumber": "+8190", "phoneNumberVerified": true})", "alice"},
+      {R"({"phoneNumber": "+819012345678", "phoneNumberVerified": true, "emailAddress": "a@b.c",
+          "emailAddressVerified": true})",
        "+819012345678"},
-      {{{"phoneNumber", "09012345678"},
-        {"country", "JP"},
-        {"emailAddress", "a@b.c"},
-        {"emailAddressVerified", true}},
+      {R"({"phoneNumber": "09012345678", "country": "JP", "emailAddress": "a@b.c",
+          "emailAddressVerified": true})",
        "a@b.c"},
-      {{{"phoneNumber", "+819012345678"}, {"emailAddress", "a@b.c"}}, "+819012345678"},
-      {{{"phoneNumber", "09012345678"}, {"country", "JP"}, {"emailAddress", "a@b.c"}},
+      {R"({"phoneNumber": "+819012345678", "emailAddress": "a@b.c"})", "+819012345678"},
+      {R"({"phoneNumber": "09012345678", "country": "JP", "emailAddress": "a@b.c"})",
        "PHONE:JP-09012345678"},
-      {{{"emailAddress", "a@b.c"}}, "a@b.c"},
+      {R"({"emailAddress": "a@b.c"})", "a@b.c"},
   };
-  for (const auto& c : cases) {
+  for (const auto& [record, expected] : records) {
     fake.reset();
     scriptLogin();
     auto user = JovUser::userWithID("");
-    user->loadFromJSON(c.record);
+    user->loadFromJSON(json::parse(record));
     detail::UserAccess::password(*user) = "pass1234";
-    ASSERT_TRUE(detail::UserAccess::authenticate(*user).ok()) << c.record.dump();
-    EXPECT_EQ(fake.requests()[0].json()["username"], c.expected) << c.record.dump();
+    ASSERT_TRUE(detail::UserAccess::authenticate(*user).ok()) << record;
+    EXPECT_EQ(fake.requests()[0].json()["username"], expected) << record;
   }
 
   // The class operations build the user from what they are given.
-  const std::pair<std::function<Result<JovUser::Ptr>()>, std::string> logins[] = {
+  const std::pair<Login, std::string> logins[] = {
       {[] { return JovUser::authenticateSynchronous("a@example.com", "pass1234"); },
        "a@example.com"},
       {[] { return JovUser::authenticateSynchronous("alice", "pass1234"); }, "alice"},
@@ -215,58 +194,19 @@ TEST_F(UserAuthTest, LoginChoosesTheIdentifier) {
   }
 }
 
-TEST_F(UserAuthTest, LoginExchangeAndItsOutcome) {
-  Jov::setAccessTokenExpiration(600);
-  scriptLogin();
-  loginLocally();
-  const auto before = std::chrono::system_clock::now();
-  auto r = JovUser::authenticateSynchronous("alice", "pass1234");
-  const auto after = std::chrono::system_clock::now();
-  Jov::setAccessTokenExpiration(0);
-  ASSERT_TRUE(r.ok());
-
-  auto token = fake.requests()[0];
-  EXPECT_EQ(token.method, "POST");
-  EXPECT_FALSE(token.header("Authorization")) << "the login is anonymous";
-  const auto expiresAt = token.json()["expiresAt"].get<std::int64_t>();
-  EXPECT_GE(expiresAt, detail::toMillis(before + 600s));
-  EXPECT_LE(expiresAt, detail::toMillis(after + 600s));
-
-  auto user = r.value();
-  EXPECT_EQ(user->userID(), "u1");
-  EXPECT_EQ(user->username(), "alice");
-  ASSERT_TRUE(user->accessTokenExpiresAt());
-  EXPECT_GE(*user->accessTokenExpiresAt(), before + 3600s);
-  EXPECT_LE(*user->accessTokenExpiresAt(), after + 3600s);
-  auto stored = JovKeyChainWrapper::jovUserFromMatchingService(kService);
-  ASSERT_TRUE(stored.ok());
-  EXPECT_EQ(stored.value()->accessToken(), "t1");
-  EXPECT_EQ(stored.value()->refreshToken(), "r1");
-  EXPECT_EQ(
-      JovKeyChainWrapper::searchFirstItemCopyMatchingService(kService).value().find("pass1234"),
-      std::string::npos)
-      << "no password in the stored record";
-}
-
 TEST_F(UserAuthTest, BadInputIsRefusedBeforeAnyRequest) {
-  const std::pair<std::function<Result<JovUser::Ptr>()>, int> cases[] = {
+  auto local = [](const char* phone, const char* password, const char* country) {
+    return JovUser::authenticateWithLocalPhoneNumberSynchronous(phone, password, country);
+  };
+  const std::pair<Login, int> cases[] = {
       {[] { return JovUser::authenticateSynchronous("alice", "abc"); },
        JovError::codeInvalidPasswordFormat()},
       {[] { return JovUser::authenticateSynchronous("not valid!", "pass1234"); },
        JovError::codeInvalidUsername()},
-      {[] {
-         return JovUser::authenticateWithLocalPhoneNumberSynchronous("+8190123", "pass1234", "JP");
-       },
+      {[&] { return local("+8190123", "pass1234", "JP"); },
        JovError::codeInvalidLocalPhoneFormat()},
-      {[] {
-         return JovUser::authenticateWithLocalPhoneNumberSynchronous("09012345678", "ab", "JP");
-       },
-       JovError::codeInvalidPasswordFormat()},
-      {[] {
-         return JovUser::authenticateWithLocalPhoneNumberSynchronous("09012345678", "pass1234",
-                                                                     "Jp");
-       },
-       JovError::codeInvalidCountryCode()},
+      {[&] { return local("09012345678", "ab", "JP"); }, JovError::codeInvalidPasswordFormat()},
+      {[&] { return local("09012345678", "pass1234", "Jp"); }, JovError::codeInvalidCountryCode()},
       {[] {
          JovUserFields fields;
          fields.setCountry("JPN");
@@ -276,45 +216,36 @@ TEST_F(UserAuthTest, BadInputIsRefusedBeforeAnyRequest) {
   };
   for (const auto& [call, code] : cases) {
     loginLocally();
-    auto r = call();
-    ASSERT_FALSE(r.ok());
-    EXPECT_EQ(r.error().code(), code);
+    EXPECT_EQ(codeOf(call()), code);
     EXPECT_FALSE(JovUser::loggedIn()) << "a failed login leaves no current user";
   }
   EXPECT_EQ(fake.count(), 0u);
 }
 
 TEST_F(UserAuthTest, FailedLoginsLeaveNoCurrentUserAndNoStoredCredentials) {
-  struct Case {
-    Answer token;
-    Answer record;
-    int code;
-  };
-  const Case cases[] = {
+  const auto granted = Answer::json(200, {{"id", "u1"}, {"access_token", "t"}});
+  const auto record = Answer::json(200, {});
+  const std::tuple<Answer, Answer, int> cases[] = {
       {Answer::json(400, {{"errorCode", "invalid_grant"}, {"error_description", "bad password"}}),
-       Answer::json(200, {}), JovError::codeUnableToAuthenticateUser()},
-      {Answer::json(200, {{"id", "u1"}, {"token_type", "Bearer"}}), Answer::json(200, {}),
+       record, JovError::codeUnableToAuthenticateUser()},
+      {Answer::json(200, {{"id", "u1"}, {"token_type", "Bearer"}}), record,
        JovError::codeUnableToParseResponse()},
-      {Answer::json(200, {{"id", "u1"}, {"access_token", nullptr}}), Answer::json(200, {}),
+      {Answer::json(200, {{"id", "u1"}, {"access_token", nullptr}}), record,
        JovError::codeUnableToParseResponse()},
-      {Answer::error(), Answer::json(200, {}), JovError::codeUnableToConnectToInternet()},
+      {Answer::error(), record, JovError::codeUnableToConnectToInternet()},
       // The record cannot be fetched after the token was granted.
-      {Answer::json(200, {{"id", "u1"}, {"access_token", "t"}}), Answer::text(200, "oops"),
-       JovError::codeUnableToParseResponse()},
-      {Answer::json(200, {{"id", "u1"}, {"access_token", "t"}}),
-       Answer::serviceError(500, "INTERNAL"), 0},
-      {Answer::json(200, {{"access_token", "t"}}), Answer::json(200, {}),
-       JovError::codeInvalidObjects()},
+      {granted, Answer::text(200, "oops"), JovError::codeUnableToParseResponse()},
+      {granted, Answer::serviceError(500, "INTERNAL"), 0},
+      {Answer::json(200, {{"access_token", "t"}}), record, JovError::codeInvalidObjects()},
   };
-  for (const auto& c : cases) {
+  for (const auto& [token, user, code] : cases) {
     fake.reset();
-    fake.on("POST", "/oauth2/token", c.token);
-    fake.on("GET", "/users/u1", c.record);
+    fake.on("POST", "/oauth2/token", token);
+    fake.on("GET", "/users/u1", user);
     auto old = loginLocally();
     ASSERT_TRUE(JovKeyChainWrapper::createJovUser(*old, kService).ok());
-    auto r = JovUser::authenticateSynchronous("alice", "pass1234");
-    ASSERT_FALSE(r.ok());
-    EXPECT_EQ(r.error().code(), c.code) << c.token.body << " " << c.record.body;
+    EXPECT_EQ(codeOf(JovUser::authenticateSynchronous("alice", "pass1234")), code)
+        << token.body << " " << user.body;
     EXPECT_FALSE(JovUser::loggedIn());
     EXPECT_FALSE(credentialsStored());
   }
@@ -344,40 +275,32 @@ TEST_F(UserAuthTest, PseudoUserRegistration) {
   EXPECT_EQ(user->getObjectForKey("color"), json("blue"));
   EXPECT_TRUE(user->isPseudoUser());
   EXPECT_EQ(user->accessTokenExpiresAt(), detail::distantFuture());
-  EXPECT_EQ(JovKeyChainWrapper::searchFirstItemCopyMatchingService(kService).error().code(),
+  EXPECT_EQ(codeOf(JovKeyChainWrapper::searchFirstItemCopyMatchingService(kService)),
             JovError::codeNonKeychainItemFound())
       << "a pseudo user is not stored";
 
   fake.reset();
   fake.on("POST", "/users", Answer::json(201, {{"userID", "p2"}}));
-  auto missing = JovUser::registerAsPseudoUserSynchronous(JovUserFields());
-  ASSERT_FALSE(missing.ok());
-  EXPECT_EQ(missing.error().code(), JovError::codeUnableToParseResponse());
+  EXPECT_EQ(codeOf(JovUser::registerAsPseudoUserSynchronous(JovUserFields())),
+            JovError::codeUnableToParseResponse());
   EXPECT_FALSE(JovUser::loggedIn());
   EXPECT_EQ(fake.last().json(), json::object());
 }
 
 TEST_F(UserAuthTest, TokenLogin) {
-  auto message = [](auto call) {
-    try {
-      call();
-    } catch (const std::invalid_argument& e) {
-      return std::string(e.what());
-    }
-    return std::string("no exception");
-  };
   const auto soon = std::chrono::system_clock::now() + 1h;
-  EXPECT_EQ(message([] { JovUser::authenticateWithTokenSynchronous(""); }),
+  EXPECT_EQ(thrownMessage([] { JovUser::authenticateWithTokenSynchronous(""); }),
             "token must not nil or empty");
-  EXPECT_EQ(message([&] { JovUser::authenticateWithTokenSynchronous("", soon); }),
+  EXPECT_EQ(thrownMessage([&] { JovUser::authenticateWithTokenSynchronous("", soon); }),
             "token must not nil or empty");
-  EXPECT_EQ(message([&] { JovUser::authenticateWithTokenSynchronous("t", soon, ""); }),
+  EXPECT_EQ(thrownMessage([&] { JovUser::authenticateWithTokenSynchronous("t", soon, ""); }),
             "refreshToken must not nil or empty");
-  EXPECT_EQ(message([] { JovUser::authenticateWithTokenSynchronous("t", std::nullopt, "r"); }),
-            "expiresAt must not nil");
-  EXPECT_EQ(message([] { JovUser::authenticateWithToken("", [](JovUser::Ptr, auto) {}); }),
+  EXPECT_EQ(
+      thrownMessage([] { JovUser::authenticateWithTokenSynchronous("t", std::nullopt, "r"); }),
+      "expiresAt must not nil");
+  EXPECT_EQ(thrownMessage([] { JovUser::authenticateWithToken("", [](JovUser::Ptr, auto) {}); }),
             "token must not nil or empty");
-  EXPECT_EQ(message([] { JovUser::authenticateWithTokenAsync("t", std::nullopt, "r"); }),
+  EXPECT_EQ(thrownMessage([] { JovUser::authenticateWithTokenAsync("t", std::nullopt, "r"); }),
             "expiresAt must not nil");
   EXPECT_EQ(fake.count(), 0u);
 
@@ -388,7 +311,10 @@ TEST_F(UserAuthTest, TokenLogin) {
   auto sent = fake.last();
   EXPECT_EQ(sent.method, "GET");
   EXPECT_EQ(sent.header("Authorization"), "Bearer given");
-  EXPECT_EQ(sent.headerCount("Authorization"), 1u);
+  EXPECT_EQ(std::count_if(
+                sent.headers.begin(), sent.headers.end(),
+                [](const auto& h) { return ::strcasecmp(h.first.c_str(), "Authorization") == 0; }),
+            1);
   auto user = r.value();
   EXPECT_EQ(JovUser::currentUser(), user);
   EXPECT_EQ(user->username(), "zed");
@@ -401,11 +327,9 @@ TEST_F(UserAuthTest, TokenLogin) {
 
   // An unreadable answer or a refused token: nobody logged in.
   for (const auto& answer : {Answer::text(200, ""), Answer::serviceError(403, "WRONG_TOKEN")}) {
-    fake.reset();
     fake.on("GET", "/users/me", answer);
     loginLocally();
-    auto failed = JovUser::authenticateWithTokenSynchronous("given");
-    ASSERT_FALSE(failed.ok());
+    EXPECT_FALSE(JovUser::authenticateWithTokenSynchronous("given").ok());
     EXPECT_FALSE(JovUser::loggedIn());
   }
 }
@@ -424,15 +348,11 @@ struct Delegate {
 TEST_F(UserAuthTest, AsyncFormsDeliverOnTheMainQueue) {
   scriptLogin();
   // A class block form refuses an empty block before anything happens.
-  try {
-    JovUser::authenticate("alice", "pass1234", JovUser::UserBlock());
-    ADD_FAILURE() << "an empty block is refused";
-  } catch (const std::invalid_argument& e) {
-    EXPECT_STREQ(e.what(), "completion can not be nil");
-  }
-  EXPECT_THROW(JovUser::findUserByUsername("alice", JovUser::UserBlock()), std::invalid_argument);
-  EXPECT_THROW(JovUser::resetPassword("a@b.c", JovNotificationMethodEmail, JovBlock<>()),
-               std::invalid_argument);
+  for (const auto& call : std::vector<std::function<void()>>{
+           [] { JovUser::authenticate("alice", "pass1234", JovUser::UserBlock()); },
+           [] { JovUser::findUserByUsername("alice", JovUser::UserBlock()); },
+           [] { JovUser::resetPassword("a@b.c", JovNotificationMethodEmail, JovBlock<>()); }})
+    EXPECT_EQ(thrownMessage(call), "completion can not be nil");
   EXPECT_EQ(fake.count(), 0u);
 
   JovUser::Ptr delivered;
@@ -453,8 +373,7 @@ TEST_F(UserAuthTest, AsyncFormsDeliverOnTheMainQueue) {
   fake.on("POST", "/oauth2/token", Answer::json(400, {{"errorCode", "invalid_grant"}}));
   JovUser::authenticate("alice", "wrong",
                         JovCallback::callbackWithDelegate(delegate, &Delegate::done));
-  // The delegate is called in a second hop on the main queue.
-  ASSERT_EQ(JovMainQueue::runUntil(2, 5s), 2u);
+  ASSERT_EQ(JovMainQueue::runUntil(2, 5s), 2u);  // the delegate takes a second hop
   EXPECT_EQ(delegate->calls, 1);
   EXPECT_FALSE(delegate->user);
   ASSERT_TRUE(delegate->error);

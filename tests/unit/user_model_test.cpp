@@ -2,8 +2,7 @@
 // persisted form, builders and the device country.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
+#include "fake_transport.hpp"
 #include "jov/social_account.hpp"
 #include "jov/user.hpp"
 #include "jov/user_builder.hpp"
@@ -21,27 +20,15 @@ std::int64_t millis(std::optional<JovUser::TimePoint> t) {
 TEST(UserModelTest, LoadsTheServiceRecordByItsKeyTable) {
   auto user = JovUser::userWithID("old");
   user->setObject("stale", "gone");
-  user->loadFromJSON({{"userID", "u1"},
-                      {"createdAt", 1500000000123LL},
-                      {"_modified", 1600000000456LL},
-                      {"loginName", "alice"},
-                      {"displayName", "Alice"},
-                      {"country", "JP"},
-                      {"emailAddress", "a@example.com"},
-                      {"_emailAddressPending", "new@example.com"},
-                      {"phoneNumber", "+819012345678"},
-                      {"_phoneNumberPending", "+819099999999"},
-                      {"emailAddressVerified", true},
-                      {"_disabled", true},
-                      {"locale", "ja_JP"},
-                      {"score", 42},
-                      {"_internalThing", "dropped"},
-                      {"nickname", nullptr},
-                      {"_thirdPartyAccounts",
-                       {{"facebook", {{"id", "fb1"}, {"createdAt", 1000}}},
-                        {"google-oauth2", {{"id", "g1"}}},
-                        {"hotmail", {{"id", 77}}},
-                        {"myspace", {{"id", "x"}}}}}});
+  user->loadFromJSON(R"({
+      "userID": "u1", "createdAt": 1500000000123, "_modified": 1600000000456,
+      "loginName": "alice", "displayName": "Alice", "country": "JP", "locale": "ja_JP",
+      "emailAddress": "a@example.com", "_emailAddressPending": "new@example.com",
+      "phoneNumber": "+819012345678", "_phoneNumberPending": "+819099999999",
+      "emailAddressVerified": true, "_disabled": true,
+      "score": 42, "_internalThing": "dropped", "nickname": null,
+      "_thirdPartyAccounts": {"facebook": {"id": "fb1", "createdAt": 1000},
+          "google-oauth2": {"id": "g1"}, "hotmail": {"id": 77}, "myspace": {"id": "x"}}})"_json);
   EXPECT_EQ(user->userID(), "u1");
   EXPECT_EQ(millis(user->created()), 1500000000123LL);
   EXPECT_EQ(millis(user->modified()), 1600000000456LL);
@@ -118,11 +105,9 @@ TEST(UserModelTest, CustomFieldsAndWhatSaveSends) {
 }
 
 TEST(UserModelTest, CredentialDictionaryRoundTrip) {
-  const json dict = {
-      {"userID", "u1"},        {"accessToken", "tok"}, {"accesstokenExpiresAt", 4102444800000LL},
-      {"refreshToken", "ref"}, {"username", "alice"},  {"email", "a@example.com"},
-      {"country", "JP"},       {"locale", "ja-JP"},    {"phoneVerified", true},
-      {"emailVerified", false}};
+  const json dict = R"({"userID": "u1", "accessToken": "tok", "accesstokenExpiresAt": 4102444800000,
+      "refreshToken": "ref", "username": "alice", "email": "a@example.com", "country": "JP",
+      "locale": "ja-JP", "phoneVerified": true, "emailVerified": false})"_json;
   auto user = JovUser::userWithCredentialDictionary(dict);
   ASSERT_TRUE(user);
   user->setObject(1, "custom");
@@ -137,8 +122,7 @@ TEST(UserModelTest, CredentialDictionaryRoundTrip) {
     broken[key] = json::array();
     EXPECT_FALSE(JovUser::userWithCredentialDictionary(broken)) << key;
   }
-  auto secret = JovUser::userWithCredentialDictionary(
-      {{"userID", "u"}, {"accessToken", "SECRET"}, {"accesstokenExpiresAt", 1}});
+  auto secret = jovtest::credentialUser({{"accessToken", "SECRET"}});
   EXPECT_EQ(secret->describe().find("SECRET"), std::string::npos) << "no token in logs";
 
   // Identity: URIs and equality by user ID.
@@ -179,15 +163,10 @@ TEST(UserModelTest, BuildersIdentityDataAndUserFields) {
 }
 
 TEST(UserModelTest, DeviceCountryComesFromTheProcessLocale) {
-  std::vector<std::pair<const char*, std::optional<std::string>>> saved;
-  for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
-    const char* v = std::getenv(name);
-    saved.emplace_back(name, v ? std::optional<std::string>(v) : std::nullopt);
-    unsetenv(name);
-  }
+  jovtest::ScopedEnv clean{{"LC_ALL", nullptr}, {"LC_MESSAGES", nullptr}, {"LANG", nullptr}};
   auto countryWith = [](const char* lcAll, const char* lang) {
-    lcAll ? setenv("LC_ALL", lcAll, 1) : unsetenv("LC_ALL");
-    lang ? setenv("LANG", lang, 1) : unsetenv("LANG");
+    jovtest::ScopedEnv::set("LC_ALL", lcAll);
+    jovtest::ScopedEnv::set("LANG", lang);
     return detail::deviceCountryCode().value_or("(none)");
   };
   EXPECT_EQ(countryWith(nullptr, "ja_JP.UTF-8"), "JP");
@@ -196,7 +175,6 @@ TEST(UserModelTest, DeviceCountryComesFromTheProcessLocale) {
   EXPECT_EQ(countryWith(nullptr, "zh_Hant_TW.UTF-8"), "TW");
   for (const char* none : {"C.UTF-8", "POSIX", "fr"})
     EXPECT_EQ(countryWith(nullptr, none), "(none)");
-  for (const auto& [name, value] : saved) value ? setenv(name, value->c_str(), 1) : unsetenv(name);
 }
 
 }  // namespace

@@ -3,40 +3,40 @@
 #include <gtest/gtest.h>
 
 #include <future>
-#include <thread>
+#include <mutex>
 
 #include "fake_transport.hpp"
-#include "jov/credential_store.hpp"
-#include "jov/user.hpp"
 #include "users/user_internal.hpp"
 
 namespace jov {
 namespace {
 
 using jovtest::Answer;
+using jovtest::codeOf;
 using nlohmann::json;
 using namespace std::chrono_literals;
 
 constexpr const char* kService = JovKeyChainWrapper::kUserCredentialsService;
 
-class UserSessionTest : public ::testing::Test {
+class UserSessionTest : public jovtest::UserTest {
  protected:
   void SetUp() override {
-    JovKeyChainWrapper::useMemoryStore();
-    JovUser::logOut();
+    UserTest::SetUp();
+    script(Answer::error());
+  }
+  // Forgets what was sent; the refresh gets `token`, the record of u1 is found.
+  void script(const Answer& token) {
+    fake.reset();
+    fake.on("POST", "/oauth2/token", token);
     fake.on("GET", "/users/u1", Answer::json(200, {{"userID", "u1"}, {"loginName", "alice"}}));
   }
-  void TearDown() override { JovUser::logOut(); }
-
   // Logs u1 in without the network, its token expiring in `left`, and stores its credentials.
   JovUser::Ptr loginExpiringIn(std::chrono::seconds left, const std::string& refresh = "r0") {
-    json dict = {
-        {"userID", "u1"},
-        {"accessToken", "t0"},
+    json extra = {
         {"accesstokenExpiresAt", detail::toMillis(std::chrono::system_clock::now() + left)},
         {"username", "alice"}};
-    if (!refresh.empty()) dict["refreshToken"] = refresh;
-    auto user = JovUser::userWithCredentialDictionary(dict);
+    if (!refresh.empty()) extra["refreshToken"] = refresh;
+    auto user = jovtest::credentialUser(extra);
     Jov::setCurrentUser(user);
     EXPECT_TRUE(JovKeyChainWrapper::createJovUser(*user, kService).ok());
     return user;
@@ -47,31 +47,24 @@ class UserSessionTest : public ::testing::Test {
                               {"expires_in", expiresIn},
                               {"token_type", "Bearer"}});
   }
-
-  jovtest::TestApp app;
-  jovtest::FakeTransport& fake = *app.fake;
 };
 
 TEST_F(UserSessionTest, TokensNearExpiryAreRefreshedFirst) {
-  fake.on("POST", "/oauth2/token", granted("t1"));
-
   // 311 s left: the token is sent as it is.
+  script(granted("t1"));
   auto user = loginExpiringIn(311s);
   ASSERT_TRUE(user->refreshSynchronous().ok());
   ASSERT_EQ(fake.count(), 1u);
   EXPECT_EQ(fake.last().header("Authorization"), "Bearer t0");
 
   // No refresh token: never refreshed, even when expired.
-  fake.reset();
-  fake.on("GET", "/users/u1", Answer::json(200, {{"userID", "u1"}}));
+  script(granted("t1"));
   user = loginExpiringIn(-10s, "");
   ASSERT_TRUE(user->refreshSynchronous().ok());
   EXPECT_EQ(fake.count(), 1u);
 
   // 309 s left: refreshed before the request, which carries the new token.
-  fake.reset();
-  fake.on("POST", "/oauth2/token", granted("t1"));
-  fake.on("GET", "/users/u1", Answer::json(200, {{"userID", "u1"}}));
+  script(granted("t1"));
   user = loginExpiringIn(309s);
   const auto before = std::chrono::system_clock::now();
   ASSERT_TRUE(user->refreshSynchronous().ok());
@@ -89,9 +82,7 @@ TEST_F(UserSessionTest, TokensNearExpiryAreRefreshedFirst) {
   EXPECT_EQ(stored.value()->accessToken(), "t1") << "the new token is stored";
 
   // An answer without "expires_in" never expires; an expired token is refreshed as well.
-  fake.reset();
-  fake.on("POST", "/oauth2/token", Answer::json(200, {{"access_token", "t2"}}));
-  fake.on("GET", "/users/u1", Answer::json(200, {{"userID", "u1"}}));
+  script(Answer::json(200, {{"access_token", "t2"}}));
   user = loginExpiringIn(-100s);
   ASSERT_TRUE(user->refreshSynchronous().ok());
   EXPECT_EQ(user->accessTokenExpiresAt(), detail::distantFuture());
@@ -113,12 +104,9 @@ TEST_F(UserSessionTest, RefreshFailures) {
       {Answer::json(200, {{"token_type", "Bearer"}}), JovError::codeRefreshTokenFailed(), true},
   };
   for (const auto& c : cases) {
-    fake.reset();
-    fake.on("POST", "/oauth2/token", c.answer);
+    script(c.answer);
     auto user = loginExpiringIn(100s);
-    auto r = user->refreshSynchronous();
-    ASSERT_FALSE(r.ok());
-    EXPECT_EQ(r.error().code(), c.code) << c.answer.body;
+    EXPECT_EQ(codeOf(user->refreshSynchronous()), c.code) << c.answer.body;
     EXPECT_EQ(fake.count(), 1u) << "the request itself is not sent";
     EXPECT_EQ(JovUser::loggedIn(), c.staysLoggedIn) << c.answer.body;
     EXPECT_EQ(JovKeyChainWrapper::jovUserFromMatchingService(kService).ok(), c.staysLoggedIn);
@@ -127,8 +115,7 @@ TEST_F(UserSessionTest, RefreshFailures) {
     }
   }
   // The refused refresh's details travel with 330.
-  fake.reset();
-  fake.on("POST", "/oauth2/token", Answer::serviceError(400, "invalid_grant", "m"));
+  script(Answer::serviceError(400, "invalid_grant", "m"));
   auto r = loginExpiringIn(100s)->refreshSynchronous();
   EXPECT_EQ(r.error().jovHttpStatus(), 400);
   EXPECT_EQ(r.error().jovErrorSummary(), "invalid_grant");
@@ -136,32 +123,24 @@ TEST_F(UserSessionTest, RefreshFailures) {
 
 // Holds refresh exchanges in flight until opened; opens itself when it goes, so that a failed
 // assertion never leaves a worker blocked.
-class Gate {
- public:
+struct Gate {
   void open() {
-    if (!opened_) {
-      opened_ = true;
-      promise_.set_value();
-    }
+    std::call_once(once, [this] { promise.set_value(); });
   }
-  std::shared_future<void> future() const { return future_; }
   ~Gate() { open(); }
-
- private:
-  std::promise<void> promise_;
-  std::shared_future<void> future_ = promise_.get_future().share();
-  bool opened_ = false;
+  std::promise<void> promise;
+  std::shared_future<void> future = promise.get_future().share();
+  std::once_flag once;
 };
 
 TEST_F(UserSessionTest, ConcurrentRequestsShareOneRefresh) {
   for (bool refused : {false, true}) {
-    fake.reset();
-    fake.on("GET", "/users/u1", Answer::json(200, {{"userID", "u1"}}));
+    script(Answer::error());
     std::future<Result<void>> first, second;  // declared before the gate: it opens first
     Gate gate;
     // The refresh answers a token that is itself short-lived, so a second refresh would be
     // due by the clock: only the single flight prevents it.
-    fake.on("POST", "/oauth2/token", [refused, wait = gate.future()](const jovtest::Recorded&) {
+    fake.on("POST", "/oauth2/token", [refused, wait = gate.future](const jovtest::Recorded&) {
       wait.wait();
       return refused ? Answer::serviceError(400, "invalid_grant") : granted("t1", 60);
     });
@@ -181,11 +160,10 @@ TEST_F(UserSessionTest, ConcurrentRequestsShareOneRefresh) {
       EXPECT_TRUE(a.ok());
       EXPECT_TRUE(b.ok());
       ASSERT_EQ(fake.count("GET", "/users/u1"), 2u);
-      for (const auto& r : fake.requests()) {
+      for (const auto& r : fake.requests())
         if (r.method == "GET") {
           EXPECT_EQ(r.header("Authorization"), "Bearer t1");
         }
-      }
     } else {
       // A refused refresh is shared too: the waiter gets its error and sends nothing.
       EXPECT_EQ(a.error().code(), JovError::codeRefreshTokenFailed());
@@ -216,15 +194,15 @@ TEST_F(UserSessionTest, StoredCredentialsRestoreTheSession) {
   ASSERT_EQ(JovMainQueue::runUntil(1, 5s), 1u);
   ASSERT_TRUE(delivered);
   EXPECT_EQ(delivered->accessToken(), "t0");
-  EXPECT_THROW(JovUser::authenticateWithStoredCredentials(JovUser::UserBlock()),
-               std::invalid_argument);
+  EXPECT_EQ(jovtest::thrownMessage(
+                [] { JovUser::authenticateWithStoredCredentials(JovUser::UserBlock()); }),
+            "completion can not be nil");
 
   // Log-out removes the record: nothing to restore.
   JovUser::logOut();
   EXPECT_FALSE(JovUser::loggedIn());
-  auto none = JovUser::authenticateWithStoredCredentialsSynchronous();
-  ASSERT_FALSE(none.ok());
-  EXPECT_EQ(none.error().code(), JovError::codeNonKeychainItemFound());
+  EXPECT_EQ(codeOf(JovUser::authenticateWithStoredCredentialsSynchronous()),
+            JovError::codeNonKeychainItemFound());
 
   // A record of another application, or another server, is refused and deleted.
   for (const auto& [appID, baseURL] :
@@ -235,11 +213,10 @@ TEST_F(UserSessionTest, StoredCredentialsRestoreTheSession) {
     Jov::beginWithID("app1", "key1", std::string(jovtest::TestApp::kBaseURL));
     Jov::setRequestFactory(app.fake);
     Jov::setCurrentUser(nullptr);
-    auto stale = JovUser::authenticateWithStoredCredentialsSynchronous();
-    ASSERT_FALSE(stale.ok());
-    EXPECT_EQ(stale.error().code(), JovError::codeValidStoredUserNotFound());
+    EXPECT_EQ(codeOf(JovUser::authenticateWithStoredCredentialsSynchronous()),
+              JovError::codeValidStoredUserNotFound());
     EXPECT_FALSE(JovUser::loggedIn());
-    EXPECT_EQ(JovKeyChainWrapper::searchFirstItemCopyMatchingService(kService).error().code(),
+    EXPECT_EQ(codeOf(JovKeyChainWrapper::searchFirstItemCopyMatchingService(kService)),
               JovError::codeNonKeychainItemFound());
   }
 }
@@ -247,8 +224,7 @@ TEST_F(UserSessionTest, StoredCredentialsRestoreTheSession) {
 TEST_F(UserSessionTest, WrongTokenLogsOut) {
   fake.on("GET", "/users/u1", Answer::serviceError(403, "WRONG_TOKEN"));
   auto user = loginExpiringIn(3600s);
-  auto r = user->refreshSynchronous();
-  ASSERT_FALSE(r.ok());
+  EXPECT_FALSE(user->refreshSynchronous().ok());
   EXPECT_FALSE(JovUser::loggedIn());
   EXPECT_FALSE(JovKeyChainWrapper::jovUserFromMatchingService(kService).ok());
   EXPECT_FALSE(user->accessTokenExpiresAt()) << "log-out clears the expiry";
