@@ -13,7 +13,7 @@ constexpr int kTraceLevel = 3;
 std::string traceHeaders(const char* label, const JovHeaders& headers) {
   std::string text;
   for (const auto& [field, value] : headers)
-    text += "\n" + std::string(label) + field + " / " + value;
+    text.append("\n").append(label).append(field).append(" / ").append(value);
   return text;
 }
 
