@@ -16,18 +16,25 @@ AtomicFileWriter::~AtomicFileWriter() {
   discard();
 }
 
-bool AtomicFileWriter::open(const std::filesystem::path& target) {
+bool AtomicFileWriter::fail(const std::string& what) {
+  errno_ = errno;
+  error_ = what + ": " + std::strerror(errno_);
+  return false;
+}
+
+bool AtomicFileWriter::open(const std::filesystem::path& target, std::optional<mode_t> mode) {
   discard();
   target_ = target;
-  std::string pattern = target.string() + ".part-XXXXXX";
+  mode_ = mode;
+  // Hidden, so that nobody listing the directory takes it for the real file.
+  std::string pattern =
+      (target.parent_path() / ("." + target.filename().string() + ".tmp-XXXXXX")).string();
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
   fd_ = ::mkstemp(name.data());
-  if (fd_ < 0) {
-    error_ = "cannot create " + pattern + ": " + std::strerror(errno);
-    return false;
-  }
+  if (fd_ < 0) return fail("cannot create " + pattern);
   temp_.assign(name.data());
+  if (mode_ && ::fchmod(fd_, *mode_) != 0) return fail("cannot set the mode of " + pattern);
   return true;
 }
 
@@ -36,8 +43,7 @@ bool AtomicFileWriter::write(const char* data, std::size_t size) {
     ssize_t n = ::write(fd_, data, size);
     if (n < 0) {
       if (errno == EINTR) continue;
-      error_ = std::string("write failed: ") + std::strerror(errno);
-      return false;
+      return fail("write failed");
     }
     data += n;
     size -= static_cast<std::size_t>(n);
@@ -47,15 +53,17 @@ bool AtomicFileWriter::write(const char* data, std::size_t size) {
 
 bool AtomicFileWriter::commit() {
   if (fd_ < 0) return false;
-  // The file keeps the permissions a plainly created file would have.
-  mode_t mask = ::umask(0);
-  ::umask(mask);
-  ::fchmod(fd_, 0666 & ~mask);
+  if (!mode_) {
+    // The file gets the permissions a plainly created file would have (mkstemp makes it 0600).
+    mode_t mask = ::umask(0);
+    ::umask(mask);
+    ::fchmod(fd_, 0666 & ~mask);
+  }
   bool ok = ::fsync(fd_) == 0;
   ok = (::close(fd_) == 0) && ok;
   fd_ = -1;
   if (!ok || std::rename(temp_.c_str(), target_.c_str()) != 0) {
-    error_ = std::string("cannot finish ") + target_.string() + ": " + std::strerror(errno);
+    fail("cannot finish " + target_.string());
     ::unlink(temp_.c_str());
     temp_.clear();
     return false;
@@ -63,7 +71,7 @@ bool AtomicFileWriter::commit() {
   temp_.clear();
   // Make the rename itself durable.
   int dir = ::open(target_.parent_path().empty() ? "." : target_.parent_path().c_str(),
-                   O_RDONLY | O_DIRECTORY);
+                   O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (dir >= 0) {
     ::fsync(dir);
     ::close(dir);

@@ -14,6 +14,7 @@
 #include <mutex>
 #include <vector>
 
+#include "core/atomic_file.hpp"
 #include "jov/application.hpp"
 #include "jov/credential_store.hpp"
 
@@ -48,21 +49,6 @@ std::string fileNameFor(const std::string& service) {
     }
   }
   return name.empty() ? "%" : name;
-}
-
-bool writeAll(int fd, const std::string& data) {
-  const char* p = data.data();
-  std::size_t left = data.size();
-  while (left > 0) {
-    ssize_t n = ::write(fd, p, left);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    p += n;
-    left -= static_cast<std::size_t>(n);
-  }
-  return true;
 }
 
 void syncDirectory(const std::filesystem::path& dir) {
@@ -158,24 +144,10 @@ class FileCredentialStore final : public JovCredentialStore {
     if (add && exists) return {Status::Duplicate, EEXIST, "exists"};
     if (!add && !exists) return {Status::NotFound, ENOENT, "no record"};
 
-    std::string pattern = (dir / ("." + fileNameFor(service) + ".tmp-XXXXXX")).string();
-    std::vector<char> temp(pattern.begin(), pattern.end());
-    temp.push_back('\0');
-    int fd = ::mkstemp(temp.data());
-    if (fd < 0) return failure(errno, "create " + pattern);
-    bool ok = ::fchmod(fd, 0600) == 0 && writeAll(fd, blob) && ::fsync(fd) == 0;
-    int error = errno;
-    ok = (::close(fd) == 0) && ok;
-    if (!ok) {
-      ::unlink(temp.data());
-      return failure(error, "write " + target.string());
-    }
-    if (::rename(temp.data(), target.c_str()) != 0) {
-      error = errno;
-      ::unlink(temp.data());
-      return failure(error, "rename " + target.string());
-    }
-    syncDirectory(dir);
+    detail::AtomicFileWriter file;
+    if (!file.open(target, 0600)) return failure(file.errorNumber(), file.error());
+    if (!file.write(blob.data(), blob.size()) || !file.commit())
+      return failure(file.errorNumber(), file.error());
     return {};
   }
 
