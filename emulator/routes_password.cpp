@@ -19,15 +19,20 @@ UserRow findResetUser(Connection& conn, const std::string& appID, const std::str
   return *user;
 }
 
+// The required "newPassword"; `label` names it in a validation message.
+std::string requireNewPassword(const nlohmann::json& body, const char* label) {
+  auto newPassword = readPassword(body, "newPassword", label);
+  if (!newPassword) {
+    throw invalidInput("There are validation errors: newPassword - must not be null");
+  }
+  return *newPassword;
+}
+
 void changePassword(Service& service, Call& call, const std::string& appID) {
   call.requireMediaType({kChangePassword});
   auto body = call.jsonObject();
   auto oldPassword = requiredString(body, "oldPassword");
-  auto newPassword = readPassword(body, "newPassword", "newPassword");
-  if (!newPassword) {
-    throw invalidInput("There are validation errors: newPassword - must not be null");
-  }
-  auto newHash = hashPassword(*newPassword);
+  auto newHash = hashPassword(requireNewPassword(body, "newPassword"));
   service.db.transaction([&](Connection& conn) {
     auto caller = service.requireUser(call, conn, appID);
     auto user = requireSelf(conn, appID, call.param(1), caller);
@@ -79,11 +84,8 @@ void completeReset(Service& service, Call& call, const std::string& appID) {
   auto body = call.jsonObject();
   auto pinCode = requiredString(body, "pinCode");
   // The client matches these messages (lower-cased): keep their wording.
-  auto newPassword = readPassword(body, "newPassword", "password");
-  if (!newPassword) {
-    throw invalidInput("There are validation errors: newPassword - must not be null");
-  }
-  auto newHash = hashPassword(*newPassword);
+  auto newPassword = requireNewPassword(body, "password");
+  auto newHash = hashPassword(newPassword);
   service.db.transaction([&](Connection& conn) {
     auto user = findResetUser(conn, appID, call.param(1));
     if (!(user.email && user.emailVerified) && !(user.phone && user.phoneVerified)) {
@@ -97,7 +99,7 @@ void completeReset(Service& service, Call& call, const std::string& appID) {
     if (stored->used || now - stored->createdAt > service.settings.pinLifetimeMs) {
       throw ApiError(410, "PIN_CODE_EXPIRED", "The PIN code has expired");
     }
-    if (user.passwordHash && verifyPassword(*newPassword, *user.passwordHash)) {
+    if (user.passwordHash && verifyPassword(newPassword, *user.passwordHash)) {
       throw invalidInput("The new password cannot be the same as the old one");
     }
     markCodeUsed(conn, appID, user.userID, kPasswordReset);

@@ -37,12 +37,21 @@ void announce(const JovCredentialStore& store) {
   JOV_LOG(JovLogInfo, "Credential store: " + store.name());
 }
 
-JovError writeError(const JovCredentialStoreOutcome& outcome) {
+// The error of a failed store call: 1205 when access is not allowed, 1204 for a missing record
+// where the caller looks for one (read, delete), else 1201 with the call's own details.
+JovError storeError(const JovCredentialStoreOutcome& outcome, bool missingIsNotFound,
+                    nlohmann::json unexpectedInfo) {
+  if (missingIsNotFound && outcome.status == JovCredentialStoreStatus::NotFound)
+    return JovError::errorWithCode(JovError::codeNonKeychainItemFound());
   if (outcome.status == JovCredentialStoreStatus::NotAllowed)
     return JovError::errorWithCode(JovError::codeKeyChainAccessIsNotAllowed(),
                                    {{"keychain_error", outcome.code}});
   return JovError::errorWithCode(JovError::codeUnexpectedKeyChainError(),
-                                 {{"keychain_error", outcome.code}, {"message", kAddMessage}});
+                                 std::move(unexpectedInfo));
+}
+
+JovError writeError(const JovCredentialStoreOutcome& outcome) {
+  return storeError(outcome, false, {{"keychain_error", outcome.code}, {"message", kAddMessage}});
 }
 
 Result<std::string> recordOf(const JovUser& user) {
@@ -112,19 +121,10 @@ Result<std::string> JovKeyChainWrapper::searchFirstItemCopyMatchingService(
     const std::string& service) {
   std::string blob;
   auto outcome = store()->read(service, blob);
-  switch (outcome.status) {
-    case JovCredentialStoreStatus::Success:
-      return blob;
-    case JovCredentialStoreStatus::NotFound:
-      return JovError::errorWithCode(JovError::codeNonKeychainItemFound());
-    case JovCredentialStoreStatus::NotAllowed:
-      return JovError::errorWithCode(JovError::codeKeyChainAccessIsNotAllowed(),
-                                     {{"keychain_error", outcome.code}});
-    default:
-      return JovError::errorWithCode(
-          JovError::codeUnexpectedKeyChainError(),
-          {{"keychain_error", outcome.code}, {"message", kSearchMessage}});
-  }
+  if (!outcome.ok())
+    return storeError(outcome, true,
+                      {{"keychain_error", outcome.code}, {"message", kSearchMessage}});
+  return blob;
 }
 
 Result<std::shared_ptr<JovUser>> JovKeyChainWrapper::jovUserFromMatchingService(
@@ -149,28 +149,15 @@ Result<std::shared_ptr<JovUser>> JovKeyChainWrapper::jovUserFromMatchingService(
 
 Result<void> JovKeyChainWrapper::deleteFromKeychainWithService(const std::string& service) {
   auto outcome = store()->remove(service);
-  switch (outcome.status) {
-    case JovCredentialStoreStatus::Success:
-      return {};
-    case JovCredentialStoreStatus::NotFound:
-      return JovError::errorWithCode(JovError::codeNonKeychainItemFound());
-    case JovCredentialStoreStatus::NotAllowed:
-      return JovError::errorWithCode(JovError::codeKeyChainAccessIsNotAllowed(),
-                                     {{"keychain_error", outcome.code}});
-    default:
-      return JovError::errorWithCode(JovError::codeUnexpectedKeyChainError(),
-                                     {{"code", outcome.code}, {"details", kDeleteMessage}});
-  }
+  if (!outcome.ok())
+    return storeError(outcome, true, {{"code", outcome.code}, {"details", kDeleteMessage}});
+  return {};
 }
 
 Result<void> JovKeyChainWrapper::deleteAllKeychainItems() {
   auto outcome = store()->removeAll();
   if (outcome.ok() || outcome.status == JovCredentialStoreStatus::NotFound) return {};
-  if (outcome.status == JovCredentialStoreStatus::NotAllowed)
-    return JovError::errorWithCode(JovError::codeKeyChainAccessIsNotAllowed(),
-                                   {{"keychain_error", outcome.code}});
-  return JovError::errorWithCode(JovError::codeUnexpectedKeyChainError(),
-                                 {{"code", outcome.code}, {"details", kDeleteMessage}});
+  return storeError(outcome, false, {{"code", outcome.code}, {"details", kDeleteMessage}});
 }
 
 }  // namespace jov

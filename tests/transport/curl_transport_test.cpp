@@ -219,6 +219,14 @@ TEST_F(TransportTest, DownloadsAreWrittenAtomically) {
   auto miss = missing.makeSynchronousRequest();
   EXPECT_EQ(miss.error->jovErrorSummary(), "OBJECT_NOT_FOUND");
   EXPECT_FALSE(std::filesystem::exists(dir / "never.bin"));
+
+  // A download that cannot be written fails as a failed exchange, leaving nothing behind.
+  JovRequest unwritable("/body");
+  unwritable.downloadPath = dir / "missing-dir" / "out.bin";
+  auto lost = unwritable.makeSynchronousRequest();
+  ASSERT_FALSE(lost.ok());
+  EXPECT_EQ(lost.error->code(), 201);
+  EXPECT_FALSE(std::filesystem::exists(dir / "missing-dir"));
 }
 
 TEST_F(TransportTest, ReportsUploadProgressAndStreamsAFile) {
