@@ -64,6 +64,8 @@ class Connection {
   void exec(const char* sql);
   /// @brief Number of rows changed by the last statement.
   int changes() const { return sqlite3_changes(db_); }
+  /// @brief The SQLite handle, for statements built at run time and for registering functions.
+  sqlite3* handle() const { return db_; }
 
  private:
   sqlite3* db_ = nullptr;

@@ -16,17 +16,22 @@
 #include "router.hpp"
 #include "server.hpp"
 #include "service.hpp"
+#include "store_dump.hpp"
 
 namespace {
 
+// A fixed default port keeps the URL a saved client profile holds valid across restarts.
+constexpr int kDefaultPort = 8931;
+
 struct Options {
-  int port = 0;
+  int port = kDefaultPort;
   std::string data = ":memory:";
   std::vector<std::string> apps;
   std::int64_t tokenTtl = 86400;
   std::size_t maxBody = 16 * 1024 * 1024;
   bool verbose = false;
   bool watchStdin = false;
+  std::string exportDir, importDir;
 };
 
 std::string databasePath(const std::string& data) {
@@ -61,6 +66,8 @@ int run(const Options& options) {
   signal(SIGPIPE, SIG_IGN);  // a client that hangs up must not kill the emulator
 
   jovemu::Database db(databasePath(options.data));
+  // Before the registry, which reads the applications from the store.
+  if (!options.importDir.empty()) jovemu::importStore(db, options.importDir);
   jovemu::AppRegistry apps(db);
   for (const auto& app : options.apps) {
     auto colon = app.find(':');
@@ -83,6 +90,7 @@ int run(const Options& options) {
   sigwait(&stopSignals, &received);
   if (options.verbose) std::fprintf(stderr, "jov-emulator: stopping on signal %d\n", received);
   server.stop();
+  if (!options.exportDir.empty()) jovemu::exportStore(db, options.exportDir);
   return 0;
 }
 
@@ -92,6 +100,7 @@ int main(int argc, char** argv) {
   Options options;
   CLI::App app{"Local emulator of the service's REST interface, backed by SQLite"};
   app.add_option("--port", options.port, "TCP port on 127.0.0.1 (0 picks a free one)")
+      ->capture_default_str()
       ->check(CLI::Range(0, 65535));
   app.add_option("--data", options.data, "Directory of the store, or :memory:");
   app.add_option("--app", options.apps, "Application to serve, as ID:KEY (repeatable)")
@@ -108,6 +117,11 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 40));
   app.add_flag("--verbose", options.verbose, "Log one line per request to standard error");
   app.add_flag("--watch-stdin", options.watchStdin, "Stop when standard input is closed");
+  app.add_option("--import", options.importDir,
+                 "Load the JSON files of --export into the store, which must be empty")
+      ->check(CLI::ExistingDirectory);
+  app.add_option("--export", options.exportDir,
+                 "On exit, write the whole store to DIR, one JSON file per table");
   CLI11_PARSE(app, argc, argv);
 
   try {

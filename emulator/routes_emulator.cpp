@@ -1,8 +1,10 @@
-// The emulator's own routes, for tests and demos: register applications at run time, read and
-// empty an application's outbox, and disable a user. They need no application key.
+// The emulator's own routes, for tests and demos: register applications at run time, clear an
+// application's data, read and empty an application's outbox, and disable a user. They need no
+// application key.
 #include "api_error.hpp"
 #include "outbox_store.hpp"
 #include "service.hpp"
+#include "store_dump.hpp"
 #include "validation.hpp"
 
 namespace jovemu {
@@ -31,6 +33,14 @@ void addEmulatorRoutes(Router& router, Service& service) {
       throw ApiError(409, "APP_ALREADY_EXISTS", "The application exists with another key");
     }
     call.reply(201, {{"appID", appID}});
+  });
+
+  // Back to a fresh application: every user, token, group and code goes; the application
+  // stays registered with its key.
+  router.add("DELETE", "/emulator/apps/{}", [&service](Call& call) {
+    requireKnownApp(service, call.param(0));
+    service.db.transaction([&](Connection& conn) { clearApplicationData(conn, call.param(0)); });
+    call.replyNoContent();
   });
 
   router.add("GET", "/emulator/apps/{}/outbox", [&service](Call& call) {

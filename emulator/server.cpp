@@ -1,9 +1,13 @@
 #include "server.hpp"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
+#include <cerrno>
 #include <cstdio>
 #include <stdexcept>
 
@@ -118,12 +122,42 @@ HttpServer::~HttpServer() {
   stop();
 }
 
+namespace {
+
+// Whether another socket holds 127.0.0.1:port, asked after our own bind failed.
+bool portInUse(int port) {
+  int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (probe < 0) return false;
+  int yes = 1;
+  ::setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  ::inet_pton(AF_INET, kHost, &address.sin_addr);
+  bool inUse = ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 &&
+               errno == EADDRINUSE;
+  ::close(probe);
+  return inUse;
+}
+
+}  // namespace
+
 void HttpServer::start() {
   auto& server = *server_;
+  // cpp-httplib sets SO_REUSEPORT by default, which lets a second emulator share a port with
+  // the first and take half its requests. SO_REUSEADDR alone still allows a restart on a port
+  // whose old connections linger in TIME_WAIT, but refuses a port someone listens on.
+  server.set_socket_options([](socket_t sock) {
+    int yes = 1;
+    ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  });
   if (options_.port == 0) {
     port_ = server.bind_to_any_port(kHost);
   } else {
     port_ = server.bind_to_port(kHost, options_.port) ? options_.port : -1;
+  }
+  if (port_ <= 0 && options_.port != 0 && portInUse(options_.port)) {
+    throw std::runtime_error("port " + std::to_string(options_.port) + " is already in use");
   }
   if (port_ <= 0) {
     throw std::runtime_error("cannot listen on " + std::string(kHost) + ":" +

@@ -1,0 +1,82 @@
+// jov-emulator's start-up options: a port in use, export and import of the store, and the
+// reset route.
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <nlohmann/json.hpp>
+
+#include "emulator_fixture.hpp"
+#include "process.hpp"
+
+namespace jovtest {
+namespace {
+
+using nlohmann::json;
+
+TEST(EmulatorOptions, RefusesAPortInUse) {
+  int port = Emulator::shared().port();
+  auto second =
+      runProcess({JOV_EMULATOR_PATH, "--port", std::to_string(port), "--data", ":memory:"});
+  EXPECT_EQ(second.status, 1);
+  EXPECT_EQ(second.err, "jov-emulator: port " + std::to_string(port) + " is already in use\n");
+  EXPECT_TRUE(second.out.empty()) << second.out;
+  // The first one still answers, alone.
+  auto app = Emulator::shared().newApp();
+  EXPECT_TRUE(Emulator::shared().outbox(app.appID).empty());
+}
+
+// Runs jov against one emulator with its own data directory.
+struct Cli {
+  std::string url;
+  TempDir data;
+  ProcessResult operator()(std::vector<std::string> args, const std::string& input = "") const {
+    args.insert(args.begin(), {JOV_CLI_PATH, "--data", data.str()});
+    args.insert(args.end(), {"--url", url, "--app", "roundtrip", "--key", "rt-key"});
+    return runProcess(args, input);
+  }
+};
+
+TEST(EmulatorOptions, ExportImportRoundTripAndReset) {
+  TempDir dump;
+  std::string groupID;
+  {
+    PrivateEmulator first(
+        {"--data", ":memory:", "--app", "roundtrip:rt-key", "--export", dump.str()});
+    Cli cli{first.baseURL(), {}};
+    ASSERT_EQ(cli({"register", "alice", "--email", "alice@example.org"}, "secret99\n").status, 0);
+    auto created = cli({"group", "create", "Climbers", "--json"});
+    ASSERT_EQ(created.status, 0) << created.err;
+    groupID = json::parse(created.out).value("groupID", "");
+    ASSERT_EQ(first.stop(), 0);
+  }
+  for (const char* table : {"apps", "users", "groups", "group_members", "tokens"})
+    EXPECT_TRUE(std::filesystem::exists(dump.path() / (std::string(table) + ".json"))) << table;
+
+  TempDir store;
+  PrivateEmulator second({"--data", store.str(), "--import", dump.str()});
+  Cli cli{second.baseURL(), {}};
+  ASSERT_EQ(cli({"login", "alice@example.org"}, "secret99\n").status, 0);
+  auto groups = cli({"group", "list", "--json"});
+  ASSERT_EQ(groups.status, 0) << groups.err;
+  auto list = json::parse(groups.out);
+  ASSERT_EQ(list.size(), 1u);
+  EXPECT_EQ(list[0]["groupID"], groupID);
+  EXPECT_EQ(list[0]["name"], "Climbers");
+
+  // A store that already holds data takes no import.
+  auto again =
+      runProcess({JOV_EMULATOR_PATH, "--port", "0", "--data", store.str(), "--import", dump.str()});
+  EXPECT_EQ(again.status, 1);
+  EXPECT_NE(again.err.find("not empty"), std::string::npos) << again.err;
+
+  // The reset route clears the application's data and keeps the application.
+  httplib::Client http("127.0.0.1", second.port());
+  EXPECT_EQ(http.Delete("/emulator/apps/no-such-app")->status, 404);
+  EXPECT_EQ(http.Delete("/emulator/apps/roundtrip")->status, 204);
+  auto afterReset = cli({"login", "alice@example.org"}, "secret99\n");
+  EXPECT_EQ(afterReset.status, 1);
+  EXPECT_EQ(cli({"register", "alice"}, "secret99\n").status, 0) << "the application is gone";
+}
+
+}  // namespace
+}  // namespace jovtest
