@@ -31,6 +31,20 @@ set(CPACK_DEBIAN_EMULATOR_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_CLI_PACKAGE_NAME jov)
 set(CPACK_DEBIAN_CLI_PACKAGE_SECTION net)
 
+# First line: the package's own summary; then the long description.
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "C++20 client library for the Jov backend service
+Users, groups, buckets of JSON objects and the rest of the service's REST interface, with
+blocking, block, delegate and future forms of every operation. This package holds the shared
+library.")
+set(CPACK_DEBIAN_DEV_DESCRIPTION "Development files of libjov
+Headers, the static library, the CMake package (find_package(jov CONFIG)) and the pkg-config
+file (jov.pc) of libjov.")
+set(CPACK_DEBIAN_EMULATOR_DESCRIPTION "Local emulator of the Jov service
+The service's REST interface on loopback, backed by SQLite, for tests and development without
+an account or a network.")
+set(CPACK_DEBIAN_CLI_DESCRIPTION "Command-line client of the Jov service
+Log in once, then work with users and groups from the shell; built on libjov.")
+
 include(CPack)
 cpack_add_component(runtime DISPLAY_NAME "libjov"
   DESCRIPTION "C++20 client library for the Jov backend service (shared library)")
