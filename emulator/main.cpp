@@ -6,15 +6,19 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "api_error.hpp"
 #include "app_registry.hpp"
 #include "database.hpp"
 #include "router.hpp"
 #include "server.hpp"
+#include "server_code.hpp"
+#include "server_code_store.hpp"
 #include "service.hpp"
 #include "store_dump.hpp"
 
@@ -32,7 +36,29 @@ struct Options {
   bool verbose = false;
   bool watchStdin = false;
   std::string exportDir, importDir;
+  double codeTimeLimit = 5;
+  std::size_t codeMemoryLimit = 64;
+  std::string serverCode;
 };
+
+// --server-code: deployed for every --app, unless it already is that application's current
+// version (a restart on the same store deploys nothing new).
+void deployStartupScript(jovemu::Service& service, const Options& options) {
+  std::ifstream file(options.serverCode, std::ios::binary);
+  std::string script((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  if (!file.good() && !file.eof()) throw std::runtime_error("cannot read " + options.serverCode);
+  for (const auto& app : options.apps) {
+    auto appID = app.substr(0, app.find(':'));
+    auto current = service.db.transaction(
+        [&](jovemu::Connection& conn) { return jovemu::findServerCode(conn, appID, "current"); });
+    if (current && current->script == script) continue;
+    try {
+      jovemu::deployScript(service, appID, script);
+    } catch (const jovemu::ApiError& error) {
+      throw std::runtime_error(options.serverCode + ": " + error.what());
+    }
+  }
+}
 
 std::string databasePath(const std::string& data) {
   if (data == ":memory:") return data;
@@ -73,7 +99,12 @@ int run(const Options& options) {
     auto colon = app.find(':');
     apps.registerApp(app.substr(0, colon), app.substr(colon + 1), true);
   }
-  jovemu::Service service(db, apps, {options.tokenTtl});
+  jovemu::ServiceSettings settings{options.tokenTtl};
+  settings.scriptLimits.time =
+      std::chrono::milliseconds(static_cast<std::int64_t>(options.codeTimeLimit * 1000));
+  settings.scriptLimits.memoryBytes = options.codeMemoryLimit * 1024 * 1024;
+  jovemu::Service service(db, apps, settings);
+  if (!options.serverCode.empty()) deployStartupScript(service, options);
   jovemu::Router router;
   jovemu::addAllRoutes(router, service);
 
@@ -122,6 +153,17 @@ int main(int argc, char** argv) {
       ->check(CLI::ExistingDirectory);
   app.add_option("--export", options.exportDir,
                  "On exit, write the whole store to DIR, one JSON file per table");
+  app.add_option("--server-code", options.serverCode,
+                 "A script deployed as the next server-code version of every --app")
+      ->check(CLI::ExistingFile);
+  app.add_option("--code-time-limit", options.codeTimeLimit,
+                 "Seconds one server-code execution may run")
+      ->capture_default_str()
+      ->check(CLI::Range(0.01, 3600.0));
+  app.add_option("--code-memory-limit", options.codeMemoryLimit,
+                 "Megabytes one server-code execution may hold")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{1}, std::size_t{4096}));
   CLI11_PARSE(app, argc, argv);
 
   try {

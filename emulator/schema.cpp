@@ -84,6 +84,18 @@ CREATE INDEX outbox_app ON outbox (app_id, seq);
 PRAGMA user_version = 1;
 )sql";
 
+// Deployed server code, one row per version of an application's script. Written to apply on
+// any version of the schema (IF NOT EXISTS), so it needs no number of its own.
+constexpr const char* kServerCodeSchema = R"sql(
+CREATE TABLE IF NOT EXISTS server_code (
+  app_id   TEXT NOT NULL,
+  version  INTEGER NOT NULL,
+  script   TEXT NOT NULL,
+  created  INTEGER NOT NULL,
+  PRIMARY KEY (app_id, version)
+);
+)sql";
+
 }  // namespace
 
 void createSchema(Connection& conn) {
@@ -92,8 +104,8 @@ void createSchema(Connection& conn) {
     auto version = conn.prepare("PRAGMA user_version");
     if (version.step()) current = version.integer(0);
   }
-  if (current >= 1) return;
-  conn.exec(kSchemaV1);
+  if (current < 1) conn.exec(kSchemaV1);
+  conn.exec(kServerCodeSchema);
 }
 
 }  // namespace jovemu

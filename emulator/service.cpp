@@ -65,6 +65,7 @@ void addAllRoutes(Router& router, Service& service) {
   addPasswordRoutes(router, service);
   addAddressRoutes(router, service);
   addGroupRoutes(router, service);
+  addServerCodeRoutes(router, service);
   addEmulatorRoutes(router, service);
 }
 

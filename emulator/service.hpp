@@ -11,6 +11,7 @@
 #include "call.hpp"
 #include "database.hpp"
 #include "router.hpp"
+#include "script_runtime.hpp"
 #include "user_store.hpp"
 
 namespace jovemu {
@@ -19,6 +20,8 @@ struct ServiceSettings {
   std::int64_t tokenTtlSeconds = 86400;
   /// A password-reset PIN is accepted this long after it was sent.
   std::int64_t pinLifetimeMs = 10 * 60 * 1000;
+  /// Time and memory each server-code execution may use.
+  ScriptLimits scriptLimits;
 };
 
 class Service {
@@ -58,6 +61,7 @@ void addUserRoutes(Router& router, Service& service);
 void addPasswordRoutes(Router& router, Service& service);
 void addAddressRoutes(Router& router, Service& service);
 void addGroupRoutes(Router& router, Service& service);
+void addServerCodeRoutes(Router& router, Service& service);
 void addEmulatorRoutes(Router& router, Service& service);
 
 /// @brief Every route of the emulator.

@@ -110,8 +110,10 @@ void Emulator::start(int port) {
   sigaddset(&signals, SIGINT);
   posix_spawnattr_setsigdefault(&attributes, &signals);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  std::vector<std::string> args = {JOV_EMULATOR_PATH, "--port", std::to_string(port),
-                                   "--data",          dataDir_, "--watch-stdin"};
+  // A short server-code time limit lets a test see a runaway script stopped without waiting.
+  std::vector<std::string> args = {
+      JOV_EMULATOR_PATH, "--port",        std::to_string(port), "--data",
+      dataDir_,          "--watch-stdin", "--code-time-limit",  "1"};
   std::vector<char*> argv;
   for (auto& arg : args) argv.push_back(arg.data());
   argv.push_back(nullptr);
