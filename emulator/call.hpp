@@ -44,6 +44,10 @@ class Call {
 
   void reply(int status, const nlohmann::json& body);
   void replyNoContent() { res_.status = 204; }
+  /// @brief Sets a response header (e.g. "ETag").
+  void setHeader(const std::string& name, const std::string& value) {
+    res_.set_header(name, value);
+  }
 
   const httplib::Request& request() const { return req_; }
 

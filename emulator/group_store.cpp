@@ -1,5 +1,7 @@
 #include "group_store.hpp"
 
+#include "acl_store.hpp"
+
 namespace jovemu {
 
 namespace {
@@ -44,6 +46,9 @@ void renameGroup(Connection& conn, const std::string& appID, const std::string& 
 }
 
 void deleteGroup(Connection& conn, const std::string& appID, const std::string& groupID) {
+  // The group's buckets go with it, and so do the grants naming it.
+  dropScopeBuckets(conn, appID, ScopeKind::Group, groupID);
+  forgetSubject(conn, appID, "GroupID:" + groupID);
   {
     auto stmt = conn.prepare("DELETE FROM group_members WHERE app_id = ?1 AND group_id = ?2");
     stmt.bind(1, appID).bind(2, groupID);

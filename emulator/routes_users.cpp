@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cctype>
 
+#include "acl_store.hpp"
 #include "api_error.hpp"
 #include "crypto.hpp"
 #include "group_store.hpp"
@@ -99,6 +100,8 @@ void addUserRoutes(Router& router, Service& service) {
                   auto caller = service.requireUser(call, conn, appID);
                   auto user = requireSelf(conn, appID, call.param(1), caller);
                   removeUserFromGroups(conn, appID, user.userID);
+                  dropScopeBuckets(conn, appID, ScopeKind::User, user.userID);
+                  forgetSubject(conn, appID, "UserID:" + user.userID);
                   dropUserCodes(conn, appID, user.userID);
                   revokeUserTokens(conn, appID, user.userID);
                   deleteUserRow(conn, appID, user.userID);

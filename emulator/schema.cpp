@@ -84,6 +84,31 @@ CREATE INDEX outbox_app ON outbox (app_id, seq);
 PRAGMA user_version = 1;
 )sql";
 
+// Buckets of objects. Each bucket's objects live in a table of its own, bucket_objects_<key>,
+// made with the bucket (the key is never reused). ACL entries of a bucket have an empty
+// object_id; those of an object carry its ID.
+constexpr const char* kSchemaV2 = R"sql(
+CREATE TABLE buckets (
+  bucket_key  INTEGER PRIMARY KEY AUTOINCREMENT,
+  app_id      TEXT NOT NULL,
+  scope       TEXT NOT NULL,
+  owner_id    TEXT NOT NULL,
+  name        TEXT NOT NULL,
+  creator     TEXT,
+  created     INTEGER NOT NULL,
+  UNIQUE (app_id, scope, owner_id, name)
+);
+CREATE TABLE acl_entries (
+  bucket_key  INTEGER NOT NULL,
+  object_id   TEXT NOT NULL,
+  action      TEXT NOT NULL,
+  subject     TEXT NOT NULL,
+  PRIMARY KEY (bucket_key, object_id, action, subject)
+) WITHOUT ROWID;
+CREATE INDEX acl_entries_subject ON acl_entries (subject);
+PRAGMA user_version = 2;
+)sql";
+
 // Deployed server code, one row per version of an application's script. Written to apply on
 // any version of the schema (IF NOT EXISTS), so it needs no number of its own.
 constexpr const char* kServerCodeSchema = R"sql(
@@ -104,7 +129,9 @@ void createSchema(Connection& conn) {
     auto version = conn.prepare("PRAGMA user_version");
     if (version.step()) current = version.integer(0);
   }
+  // Each step is applied once, in order, on top of the steps before it.
   if (current < 1) conn.exec(kSchemaV1);
+  if (current < 2) conn.exec(kSchemaV2);
   conn.exec(kServerCodeSchema);
 }
 

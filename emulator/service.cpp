@@ -65,6 +65,9 @@ void addAllRoutes(Router& router, Service& service) {
   addPasswordRoutes(router, service);
   addAddressRoutes(router, service);
   addGroupRoutes(router, service);
+  addObjectRoutes(router, service);
+  addBucketRoutes(router, service);
+  addAclRoutes(router, service);
   addServerCodeRoutes(router, service);
   addEmulatorRoutes(router, service);
 }

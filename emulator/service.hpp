@@ -61,6 +61,9 @@ void addUserRoutes(Router& router, Service& service);
 void addPasswordRoutes(Router& router, Service& service);
 void addAddressRoutes(Router& router, Service& service);
 void addGroupRoutes(Router& router, Service& service);
+void addObjectRoutes(Router& router, Service& service);
+void addBucketRoutes(Router& router, Service& service);
+void addAclRoutes(Router& router, Service& service);
 void addServerCodeRoutes(Router& router, Service& service);
 void addEmulatorRoutes(Router& router, Service& service);
 
