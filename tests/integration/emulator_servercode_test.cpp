@@ -23,6 +23,10 @@ function owesDone(args, context, done) { return 1; }
 function boom(args) { throw new TypeError("boom " + args.v); }
 function spin() { for (;;) {} }
 function hog() { var kept = []; for (;;) kept.push(new Uint8Array(1 << 20)); }
+function cyclic() { var o = {}; o.self = o; return o; }
+function stubborn() { try { for (;;) {} } catch (e) { for (;;) {} } }
+var runs = 0;
+function fresh() { return ++runs; }
 var notAFunction = 3;
 )js";
 
@@ -96,6 +100,10 @@ TEST_F(ServerCodeTest, EntriesReturnOrCallBackWithTheirCallerStepsAndEnvironment
   EXPECT_GE(steps(many) - steps(few), 990);
   EXPECT_EQ(steps(run(app, "current", "count", {{"n", 10}})), steps(few));
 
+  // Every execution starts from a fresh heap: nothing is left over from the one before.
+  EXPECT_EQ(run(app, "current", "fresh").body["returnedValue"], 1);
+  EXPECT_EQ(run(app, "current", "fresh").body["returnedValue"], 1);
+
   auto called = run(app, "current", "twice", {{"v", 21}});
   ASSERT_EQ(called.status, 200) << called.body;
   EXPECT_EQ(called.body["returnedValue"], (nlohmann::json{{"value", 42}}));
@@ -111,6 +119,9 @@ TEST_F(ServerCodeTest, FailingEntriesAreStoppedAndTheEmulatorKeepsServing) {
   EXPECT_EQ(refused.status, 400);
   EXPECT_EQ(refused.body["message"], "Error: refused 1");
   EXPECT_EQ(run(app, "current", "owesDone").body["errorCode"], "RUNTIME_ERROR");
+  EXPECT_EQ(run(app, "current", "cyclic").body["errorCode"], "RUNTIME_ERROR");
+  // Catching the stop does not buy more time.
+  EXPECT_EQ(run(app, "current", "stubborn").body["errorCode"], "EXECUTION_TIMEOUT");
 
   // The fixture's emulator allows one second; the loop is stopped, and meanwhile others are
   // answered.
@@ -143,6 +154,10 @@ TEST_F(ServerCodeTest, VersionsEntriesAndDeploymentsThatDoNotExist) {
   }
   auto other = Emulator::shared().newApp();
   EXPECT_EQ(run(other, "current", "add").status, 404);  // nothing deployed there
+  ASSERT_EQ(deploy(other.appID, "throw new Error('at load');").status, 201);
+  auto loadFailure = run(other, "current", "add");
+  EXPECT_EQ(loadFailure.status, 400);
+  EXPECT_EQ(loadFailure.body["message"], "Error: at load");
 
   auto broken = deploy(app.appID, "function add(args {");
   EXPECT_EQ(broken.status, 400);
