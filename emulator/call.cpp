@@ -9,7 +9,8 @@ namespace jovemu {
 
 namespace {
 
-// Deeper documents than this are refused before they can be stored or echoed back.
+// Deeper documents than this are refused before they can be stored or echoed back; the parser
+// keeps its own stack, so depth costs memory here, and recursion wherever a value is walked.
 constexpr int kMaxJsonDepth = 64;
 
 std::string lower(std::string_view text) {
@@ -89,7 +90,10 @@ nlohmann::json Call::jsonObject() const {
                                     if (depth > kMaxJsonDepth) throw TooDeep{};
                                     return true;
                                   });
-  } catch (const nlohmann::json::parse_error&) {
+  } catch (const nlohmann::json::out_of_range&) {
+    // A number no double can hold, such as 1e999.
+    throw invalidInput("The request body holds a number out of range");
+  } catch (const nlohmann::json::exception&) {
     throw invalidInput("The request body is not valid JSON");
   } catch (const TooDeep&) {
     throw invalidInput("The request body is nested too deeply");

@@ -15,6 +15,8 @@ int hexValue(char c) {
   return -1;
 }
 
+}  // namespace
+
 // "+" stays "+": in a path it is a literal plus sign (international phone numbers).
 std::string percentDecode(std::string_view text) {
   std::string out;
@@ -33,6 +35,8 @@ std::string percentDecode(std::string_view text) {
   }
   return out;
 }
+
+namespace {
 
 std::vector<std::string> splitRaw(std::string_view path) {
   std::vector<std::string> out;

@@ -13,6 +13,8 @@
 
 namespace jovemu {
 
+/// @brief Decodes "%XX" escapes; "+" stays "+", and a malformed escape is kept as it is.
+std::string percentDecode(std::string_view text);
 /// @brief Splits a request target's path into percent-decoded segments; a trailing "/" is
 /// ignored and the query is dropped.
 std::vector<std::string> pathSegments(const std::string& target);

@@ -74,8 +74,13 @@ bool isValidDisplayName(const std::string& value) {
   return units >= 1 && units <= 50;
 }
 
+bool isDotSegment(const std::string& value) {
+  return value == "." || value == "..";
+}
+
 bool isValidGroupID(const std::string& value) {
-  return !value.empty() && value.size() <= 30 && allOf(value, isGroupIDChar);
+  return !isDotSegment(value) && !value.empty() && value.size() <= 30 &&
+         allOf(value, isGroupIDChar);
 }
 
 bool isValidGroupName(const std::string& value) {
@@ -83,7 +88,7 @@ bool isValidGroupName(const std::string& value) {
 }
 
 bool isValidAppID(const std::string& value) {
-  return !value.empty() && value.size() <= 64 && allOf(value, isNameChar);
+  return !isDotSegment(value) && !value.empty() && value.size() <= 64 && allOf(value, isNameChar);
 }
 
 }  // namespace jovemu

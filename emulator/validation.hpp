@@ -19,11 +19,14 @@ bool isGlobalPhone(const std::string& value);
 bool isValidCountry(const std::string& value);
 /// @brief 1 to 50 characters, counted as UTF-16 units.
 bool isValidDisplayName(const std::string& value);
-/// @brief 1 to 30 of lower-case letters, digits, ".", "_", "-".
+/// @brief "." or "..": path segments a client or proxy may squash, never valid as an ID.
+bool isDotSegment(const std::string& value);
+/// @brief 1 to 30 of lower-case letters, digits, ".", "_", "-"; not "." nor "..".
 bool isValidGroupID(const std::string& value);
 /// @brief A non-empty name shorter than 191 characters.
 bool isValidGroupName(const std::string& value);
-/// @brief An application ID given to /emulator/apps: 1 to 64 of letters, digits, ".", "_", "-".
+/// @brief An application ID given to /emulator/apps: 1 to 64 of letters, digits, ".", "_", "-";
+/// not "." nor "..".
 bool isValidAppID(const std::string& value);
 
 }  // namespace jovemu
