@@ -68,12 +68,18 @@ QueryRequest rangeQuery() {
   return request;
 }
 
-void timeQuery(benchmark::State& state, const QueryRequest& request) {
+// The first run of a query builds its field index: timed once, outside the timed loop.
+double firstRunMs(const QueryRequest& request) {
+  auto& data = store();  // the 100,000 objects are inserted before the clock starts
+  auto start = std::chrono::steady_clock::now();
+  data.run(request);
+  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+      .count();
+}
+
+void timeQuery(benchmark::State& state, const QueryRequest& request, double firstMs) {
   auto& data = store();
-  auto first = std::chrono::steady_clock::now();
-  data.run(request);  // builds the field index once, outside the timed loop
-  state.counters["first_query_ms"] =
-      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - first).count();
+  state.counters["first_run_ms_with_index_build"] = firstMs;
   for (auto _ : state) {
     auto page = data.run(request);
     if (page.results.size() != 100 || !page.nextPaginationKey) {
@@ -85,10 +91,12 @@ void timeQuery(benchmark::State& state, const QueryRequest& request) {
 }
 
 void BM_EqualityFirstPage(benchmark::State& state) {
-  timeQuery(state, equalityQuery());
+  static const double firstMs = firstRunMs(equalityQuery());
+  timeQuery(state, equalityQuery(), firstMs);
 }
 void BM_RangeOrderedFirstPage(benchmark::State& state) {
-  timeQuery(state, rangeQuery());
+  static const double firstMs = firstRunMs(rangeQuery());
+  timeQuery(state, rangeQuery(), firstMs);
 }
 
 BENCHMARK(BM_EqualityFirstPage)->Unit(benchmark::kMillisecond);
