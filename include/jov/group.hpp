@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "jov/async.hpp"
+#include "jov/cancellation.hpp"
+#include "jov/detail/forms.hpp"
 #include "jov/result.hpp"
 
 namespace jov {
@@ -72,8 +74,9 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
   /// @brief "jovcloud://groups/ID"; empty while the group has no ID.
   std::string objectURI() const;
 
-  /// @brief Reads "groupID" (or "uuid"), "name" and "owner"; absent, null or mistyped keys are
-  /// skipped. False when the value is not a JSON object.
+  /// @brief Reads "groupID" (or "uuid"), "name" and "owner"; absent or null keys are skipped.
+  /// False, and nothing changed, when the value is not a JSON object or a key has the wrong
+  /// type.
   bool loadFromJSON(const nlohmann::json& json);
 
   /// @brief Puts the user into the users to add (and out of those to remove); false when the
@@ -83,84 +86,169 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
   /// user has no ID.
   bool removeUser(const std::shared_ptr<JovUser>& user);
 
-  /// @brief Creates the group when it has no ID, then sends each pending member change.
-  Result<void> saveSynchronous();
-  /// @brief save on a worker; the block runs on the main queue.
-  void save(GroupBlock block);
-  /// @brief save on a worker; the delegate receives (group, error).
-  void save(JovCallback callback);
-  /// @brief save on a worker, as a future.
-  std::future<Result<void>> saveAsync();
+  /// @name save
+  /// Creates the group on the service when it has no ID yet (POST "/groups", owned by the
+  /// preset owner or the current user), then sends each pending member change by its own
+  /// request (PUT or DELETE "/groups/ID/members/USERID"). A change that fails stays pending for
+  /// the next save; the first failure is reported.
+  /// Errors: 513 invalid name (before any request); 510 group not found, 324 member not found;
+  /// 202 unreadable answer; and the errors of every exchange (101, 201, 203, 0 with the
+  /// service's "http_status", "server_code", "server_message").
+  /// The block and delegate receive the group, then the error; the future its result.
+  /// Every asynchronous form takes an optional JovCancellation.
+  /// @{
+  Result<void> saveSynchronous() { return detail::runSync(saveRoutine()); }
+  void save(GroupBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), saveRoutine(), std::move(block), cancel);
+  }
+  void save(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), saveRoutine(), std::move(callback), cancel);
+  }
+  std::future<Result<void>> saveAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(self(), saveRoutine(), cancel);
+  }
+  /// @}
 
-  /// @brief Reads the group's record from the service.
-  Result<void> refreshSynchronous();
-  /// @brief refresh on a worker; the block runs on the main queue.
-  void refresh(GroupBlock block);
-  /// @brief refresh on a worker; the delegate receives (group, error).
-  void refresh(JovCallback callback);
-  /// @brief refresh on a worker, as a future.
-  std::future<Result<void>> refreshAsync();
+  /// @name refresh
+  /// Reads the group's record (GET "/groups/ID"): name and owner.
+  /// Errors: 501 when the group has no ID; 510 when the service does not know it
+  /// ("GROUP_NOT_FOUND"); 202 when the record cannot be read (the group is then left unchanged);
+  /// and the errors of every exchange. The block and delegate receive the group, then the error.
+  /// @{
+  Result<void> refreshSynchronous() { return detail::runSync(refreshRoutine()); }
+  void refresh(GroupBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), refreshRoutine(), std::move(block), cancel);
+  }
+  void refresh(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), refreshRoutine(), std::move(callback), cancel);
+  }
+  std::future<Result<void>> refreshAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(self(), refreshRoutine(), cancel);
+  }
+  /// @}
 
-  /// @brief Renames the group on the service (owner only), then here.
-  Result<void> changeGroupNameSynchronous(const std::string& name);
-  /// @brief changeGroupName on a worker; the block runs on the main queue.
-  void changeGroupName(const std::string& name, GroupBlock block);
-  /// @brief changeGroupName on a worker; the delegate receives (group, error).
-  void changeGroupName(const std::string& name, JovCallback callback);
-  /// @brief changeGroupName on a worker, as a future.
-  std::future<Result<void>> changeGroupNameAsync(const std::string& name);
+  /// @name changeGroupName
+  /// Renames the group on the service (PUT "/groups/ID/name", text/plain; owner only), then
+  /// here. @param name the new name, 1 to 190 characters.
+  /// Errors: 513 invalid name and 501 no ID (before any request); 510 group not found; and the
+  /// errors of every exchange. The block and delegate receive the group, then the error.
+  /// @{
+  Result<void> changeGroupNameSynchronous(const std::string& name) {
+    return detail::runSync(changeGroupNameRoutine(name));
+  }
+  void changeGroupName(const std::string& name, GroupBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), changeGroupNameRoutine(name), std::move(block), cancel);
+  }
+  void changeGroupName(const std::string& name, JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), changeGroupNameRoutine(name), std::move(callback), cancel);
+  }
+  std::future<Result<void>> changeGroupNameAsync(const std::string& name,
+                                                 JovCancellation cancel = {}) {
+    return detail::runFuture(self(), changeGroupNameRoutine(name), cancel);
+  }
+  /// @}
 
-  /// @brief Lists the members on the service; they become members().
-  Result<Users> getMemberListSynchronous();
-  /// @brief getMemberList on a worker; the block receives the members.
-  void getMemberList(JovBlock<Users> block);
-  /// @brief getMemberList on a worker; the delegate receives (members, error).
-  void getMemberList(JovCallback callback);
-  /// @brief getMemberList on a worker, as a future.
-  std::future<Result<Users>> getMemberListAsync();
+  /// @name getMemberList
+  /// Lists the members on the service (GET "/groups/ID/members"); they become members().
+  /// Errors: 501 no ID; 510 group not found; 202 unreadable answer; and the errors of every
+  /// exchange. The block and delegate receive the members, then the error.
+  /// @{
+  Result<Users> getMemberListSynchronous() { return detail::runSync(getMemberListRoutine()); }
+  void getMemberList(JovBlock<Users> block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), getMemberListRoutine(), std::move(block), cancel);
+  }
+  void getMemberList(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), getMemberListRoutine(), std::move(callback), cancel);
+  }
+  std::future<Result<Users>> getMemberListAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(self(), getMemberListRoutine(), cancel);
+  }
+  /// @}
 
-  /// @brief The owner, read by a refresh.
-  Result<std::shared_ptr<JovUser>> getOwnerSynchronous();
-  /// @brief getOwner on a worker; the block receives the owner.
-  void getOwner(JovBlock<std::shared_ptr<JovUser>> block);
-  /// @brief getOwner on a worker; the delegate receives (owner, error).
-  void getOwner(JovCallback callback);
-  /// @brief getOwner on a worker, as a future.
-  std::future<Result<std::shared_ptr<JovUser>>> getOwnerAsync();
+  /// @name getOwner
+  /// The owner, read by a refresh. Errors: those of refresh, and 202 when the record names no
+  /// owner. The block and delegate receive the owner, then the error.
+  /// @{
+  Result<std::shared_ptr<JovUser>> getOwnerSynchronous() {
+    return detail::runSync(getOwnerRoutine());
+  }
+  void getOwner(JovBlock<std::shared_ptr<JovUser>> block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), getOwnerRoutine(), std::move(block), cancel);
+  }
+  void getOwner(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), getOwnerRoutine(), std::move(callback), cancel);
+  }
+  std::future<Result<std::shared_ptr<JovUser>>> getOwnerAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(self(), getOwnerRoutine(), cancel);
+  }
+  /// @}
 
-  /// @brief Deletes the group on the service (owner only); the local object keeps its data.
-  Result<void> deleteSynchronous();
-  /// @brief delete on a worker; the block runs on the main queue.
-  void deleteWithBlock(GroupBlock block);
-  /// @brief delete on a worker; the delegate receives (group, error).
-  void deleteWithCallback(JovCallback callback);
-  /// @brief delete on a worker, as a future.
-  std::future<Result<void>> deleteAsync();
+  /// @name delete
+  /// Deletes the group on the service (DELETE "/groups/ID"; owner only); the local object keeps
+  /// its data. Errors: 501 no ID; 510 group not found; and the errors of every exchange. The
+  /// block and delegate receive the group, then the error.
+  /// @{
+  Result<void> deleteSynchronous() { return detail::runSync(deleteRoutine()); }
+  void deleteWithBlock(GroupBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), deleteRoutine(), std::move(block), cancel);
+  }
+  void deleteWithCallback(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), deleteRoutine(), std::move(callback), cancel);
+  }
+  std::future<Result<void>> deleteAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(self(), deleteRoutine(), cancel);
+  }
+  /// @}
 
-  /// @brief Creates a group with an ID of the caller's choosing, owned by the current user.
+  /// @name registerGroupWithID
+  /// Creates a group with an ID of the caller's choosing, owned by the current user
+  /// (PUT "/groups/ID" with the name, the owner and the members' IDs).
+  /// @param groupID 1 to 30 of lower-case letters, digits, ".", "_", "-"
+  /// @param name 1 to 190 characters
+  /// @param members users with an ID
+  /// Errors (before any request): 524 invalid ID, 513 invalid name, 525 a member without ID,
+  /// 327 nobody logged in; then 526 when the ID is taken ("GROUP_ALREADY_EXISTS"), 203 for
+  /// "WRONG_TOKEN", 202 unreadable answer, and the errors of every exchange. The block form
+  /// raises std::invalid_argument "completion can not be nil" without a block.
+  /// @{
   static Result<std::shared_ptr<JovGroup>> registerGroupSynchronousWithID(
-      const std::string& groupID, const std::string& name, const Users& members);
-  /// @brief registerGroup on a worker; raises std::invalid_argument when the block is empty.
+      const std::string& groupID, const std::string& name, const Users& members) {
+    return detail::runSync(registerGroupRoutine(groupID, name, members));
+  }
   static void registerGroupWithID(const std::string& groupID, const std::string& name,
-                                  const Users& members, JovBlock<std::shared_ptr<JovGroup>> block);
-  /// @brief registerGroup on a worker; the delegate receives (group, error).
+                                  const Users& members, JovBlock<std::shared_ptr<JovGroup>> block,
+                                  JovCancellation cancel = {}) {
+    detail::runClassBlock(registerGroupRoutine(groupID, name, members), std::move(block), cancel);
+  }
   static void registerGroupWithID(const std::string& groupID, const std::string& name,
-                                  const Users& members, JovCallback callback);
-  /// @brief registerGroup on a worker, as a future.
+                                  const Users& members, JovCallback callback,
+                                  JovCancellation cancel = {}) {
+    detail::runCallback(nullptr, registerGroupRoutine(groupID, name, members), std::move(callback),
+                        cancel);
+  }
   static std::future<Result<std::shared_ptr<JovGroup>>> registerGroupWithIDAsync(
-      const std::string& groupID, const std::string& name, const Users& members);
+      const std::string& groupID, const std::string& name, const Users& members,
+      JovCancellation cancel = {}) {
+    return detail::runFuture(nullptr, registerGroupRoutine(groupID, name, members), cancel);
+  }
+  /// @}
 
   /// @brief A one-line text for logs: ID, name, owner and pending changes.
   std::string describe() const;
 
  private:
-  Result<void> saveRoutine();
-  Result<void> createRoutine();
-  Result<void> refreshRoutine();
-  Result<void> changeGroupNameRoutine(std::string name);
-  Result<Users> getMemberListRoutine();
-  Result<std::shared_ptr<JovUser>> getOwnerRoutine();
-  Result<void> deleteRoutine();
+  detail::Routine<void> saveRoutine();
+  detail::Routine<void> createRoutine();
+  detail::Routine<void> changeMemberRoutine(bool add, std::string userID);
+  detail::Routine<void> refreshRoutine();
+  detail::Routine<void> changeGroupNameRoutine(std::string name);
+  detail::Routine<Users> getMemberListRoutine();
+  detail::Routine<std::shared_ptr<JovUser>> getOwnerRoutine();
+  detail::Routine<void> deleteRoutine();
+  static detail::Routine<std::shared_ptr<JovGroup>> registerGroupRoutine(std::string groupID,
+                                                                         std::string name,
+                                                                         Users members);
+  friend struct GroupFields;
   std::shared_ptr<JovGroup> self() { return shared_from_this(); }
 
   std::string uuid_;

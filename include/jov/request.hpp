@@ -84,6 +84,12 @@ class JovRequest {
   bool isChunkDownload = false;   ///< @brief With downloadPath: keep the body in memory.
   std::string chunkDownloadData;  ///< @brief The body of a chunk download.
   JovHeaders responseHeaders;     ///< @brief Response headers of the last execution.
+  /// @brief Keeps every response header in responseHeaders (by default only those the library
+  /// reads: "ETag", "Content-Type" and the server-code counters).
+  bool keepAllResponseHeaders = false;
+  /// @brief Set by subclasses that override the progress hooks: without it, no progress is
+  /// reported (and the transport spends nothing on it).
+  bool reportsProgress = false;
 
  private:
   JovRequest() = default;

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <stdexcept>
+#include <type_traits>
 #include <utility>
 #include <variant>
 
@@ -18,6 +19,11 @@ class JovBadResultAccess : public std::logic_error {
 };
 
 /// @brief The outcome of a blocking operation: a value of type T or a JovError.
+template <class T>
+class Result;
+template <>
+class Result<void>;
+
 template <class T>
 class Result {
  public:
@@ -64,6 +70,32 @@ class Result {
   /// @brief Dereferences the value.
   T& operator*() & { return value(); }
 
+  /// @brief On success, f(value) (which returns a Result); on failure, the error unchanged.
+  template <class F>
+  auto and_then(F&& f) && -> std::invoke_result_t<F, T&&> {
+    if (ok()) return std::forward<F>(f)(std::get<0>(std::move(state_)));
+    return std::get<1>(std::move(state_));
+  }
+  /// @brief On success, a Result holding f(value); on failure, the error unchanged.
+  template <class F>
+  auto transform(F&& f) && {
+    using U = std::invoke_result_t<F, T&&>;
+    if constexpr (std::is_void_v<U>) {
+      if (!ok()) return Result<void>(std::get<1>(std::move(state_)));
+      std::forward<F>(f)(std::get<0>(std::move(state_)));
+      return Result<void>();
+    } else {
+      if (!ok()) return Result<U>(std::get<1>(std::move(state_)));
+      return Result<U>(std::forward<F>(f)(std::get<0>(std::move(state_))));
+    }
+  }
+  /// @brief On failure, f(error) (which returns a Result<T>); on success, the value unchanged.
+  template <class F>
+  Result or_else(F&& f) && {
+    if (ok()) return std::move(*this);
+    return std::forward<F>(f)(std::get<1>(std::move(state_)));
+  }
+
  private:
   void check(bool wantValue) const {
     if (ok() != wantValue)
@@ -100,6 +132,31 @@ class Result<void> {
   }
   /// @brief The error, or nothing on success.
   const std::optional<JovError>& errorIfAny() const { return error_; }
+
+  /// @brief On success, f() (which returns a Result); on failure, the error unchanged.
+  template <class F>
+  auto and_then(F&& f) && -> std::invoke_result_t<F> {
+    if (ok()) return std::forward<F>(f)();
+    return std::move(*error_);
+  }
+  /// @brief On success, a Result holding f(); on failure, the error unchanged.
+  template <class F>
+  auto transform(F&& f) && {
+    using U = std::invoke_result_t<F>;
+    if constexpr (std::is_void_v<U>) {
+      if (ok()) std::forward<F>(f)();
+      return std::move(*this);
+    } else {
+      if (!ok()) return Result<U>(std::move(*error_));
+      return Result<U>(std::forward<F>(f)());
+    }
+  }
+  /// @brief On failure, f(error) (which returns a Result<void>); on success, success.
+  template <class F>
+  Result or_else(F&& f) && {
+    if (ok()) return std::move(*this);
+    return std::forward<F>(f)(std::move(*error_));
+  }
 
  private:
   std::optional<JovError> error_;

@@ -51,8 +51,20 @@ class JovURLRequest {
     onReceived_ = std::move(received);
   }
 
+  /// @brief Keeps every response header; by default only those the library reads are kept
+  /// ("ETag", "Content-Type", "Content-Length", "Content-Range", "Location", "X-Step-count",
+  /// "X-Environment-version").
+  void setKeepAllResponseHeaders(bool keep) { keepAllHeaders_ = keep; }
+
   /// @brief Sends and blocks until the exchange ends; fills the response fields.
   virtual void sendRequest() = 0;
+  /// @brief Sends without blocking; `done` runs once, on any thread but the caller's own
+  /// stack, when the response fields are filled. The default runs sendRequest() on a thread of
+  /// its own: a transport that can do better (the libcurl one) overrides it.
+  virtual void sendRequestAsync(std::function<void()> done);
+  /// @brief Asks an exchange started by sendRequestAsync to stop; `done` still runs. The default
+  /// cannot stop a blocking sendRequest() and lets it finish.
+  virtual void cancelRequest() {}
 
   /// @brief The URL.
   const std::string& url() const { return url_; }
@@ -86,8 +98,12 @@ class JovURLRequest {
     if (onReceived_) onReceived_(received, expected);
   }
 
+  /// @brief True for a header a caller asked to keep (all of them, or one the library reads).
+  bool keepsHeader(const char* name, std::size_t length) const;
+
   std::string url_;
   std::string method_ = "GET";
+  bool keepAllHeaders_ = false;
   JovHeaders headers_;
   std::string body_;
   std::optional<std::filesystem::path> bodyFile_;

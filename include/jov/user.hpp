@@ -16,6 +16,9 @@
 #include <vector>
 
 #include "jov/async.hpp"
+#include "jov/cancellation.hpp"
+#include "jov/detail/forms.hpp"
+#include "jov/detail/task.hpp"
 #include "jov/result.hpp"
 #include "jov/social_account.hpp"
 
@@ -323,11 +326,11 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
   /// @brief Reads the user's record from the service.
   Result<void> refreshSynchronous();
   /// @brief Block form.
-  void refresh(UserBlock block);
+  void refresh(UserBlock block, JovCancellation cancel = {});
   /// @brief Delegate form.
-  void refresh(JovCallback callback);
+  void refresh(JovCallback callback, JovCancellation cancel = {});
   /// @brief Future form.
-  std::future<Result<void>> refreshAsync();
+  std::future<Result<void>> refreshAsync(JovCancellation cancel = {});
 
   /// @brief Sends the custom fields, country, display name and locale.
   Result<void> saveSynchronous();
@@ -496,23 +499,37 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   // ------------------------------------------------------------------ groups
 
-  /// @brief The groups the user is a member of.
-  Result<std::vector<std::shared_ptr<JovGroup>>> memberOfGroupsSynchronous();
-  /// @brief Block form.
-  void memberOfGroups(JovBlock<std::vector<std::shared_ptr<JovGroup>>> block);
-  /// @brief Delegate form.
-  void memberOfGroups(JovCallback callback);
-  /// @brief Future form.
-  std::future<Result<std::vector<std::shared_ptr<JovGroup>>>> memberOfGroupsAsync();
+  /// @name memberOfGroups
+  /// The groups the user is a member of (GET "/groups/?is_member=USERID").
+  /// Errors: 501 when the user has no ID; 324 user not found; 202 unreadable answer; and the
+  /// errors of every exchange. The block and delegate receive the groups, then the error.
+  /// @{
+  Result<Groups> memberOfGroupsSynchronous() { return detail::runSync(memberOfGroupsRoutine()); }
+  void memberOfGroups(JovBlock<Groups> block, JovCancellation cancel = {}) {
+    detail::runBlock(shared_from_this(), memberOfGroupsRoutine(), std::move(block), cancel);
+  }
+  void memberOfGroups(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(shared_from_this(), memberOfGroupsRoutine(), std::move(callback), cancel);
+  }
+  std::future<Result<Groups>> memberOfGroupsAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(shared_from_this(), memberOfGroupsRoutine(), cancel);
+  }
+  /// @}
 
-  /// @brief The groups the user owns.
-  Result<std::vector<std::shared_ptr<JovGroup>>> ownerOfGroupsSynchronous();
-  /// @brief Block form.
-  void ownerOfGroups(JovBlock<std::vector<std::shared_ptr<JovGroup>>> block);
-  /// @brief Delegate form.
-  void ownerOfGroups(JovCallback callback);
-  /// @brief Future form.
-  std::future<Result<std::vector<std::shared_ptr<JovGroup>>>> ownerOfGroupsAsync();
+  /// @name ownerOfGroups
+  /// The groups the user owns (GET "/groups/?owner=USERID"). Errors as memberOfGroups.
+  /// @{
+  Result<Groups> ownerOfGroupsSynchronous() { return detail::runSync(ownerOfGroupsRoutine()); }
+  void ownerOfGroups(JovBlock<Groups> block, JovCancellation cancel = {}) {
+    detail::runBlock(shared_from_this(), ownerOfGroupsRoutine(), std::move(block), cancel);
+  }
+  void ownerOfGroups(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(shared_from_this(), ownerOfGroupsRoutine(), std::move(callback), cancel);
+  }
+  std::future<Result<Groups>> ownerOfGroupsAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(shared_from_this(), ownerOfGroupsRoutine(), cancel);
+  }
+  /// @}
 
  private:
   friend struct detail::UserAccess;
@@ -520,10 +537,12 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   // One blocking routine per operation; the public forms call these.
   Result<void> registrationRoutine();
-  Result<void> authenticateRoutine();
+  detail::Routine<void> authenticateRoutine();
   Result<void> putIdentityRoutine(JovIdentityData identityData, JovUserFields userFields,
                                   std::string password);
-  Result<void> refreshRoutine();
+  detail::Routine<void> refreshRoutine();
+  detail::Routine<Groups> memberOfGroupsRoutine();
+  detail::Routine<Groups> ownerOfGroupsRoutine();
   Result<void> saveRoutine();
   Result<void> updateIdentityRoutine(std::optional<JovIdentityData> identityData,
                                      JovUserFields userFields);

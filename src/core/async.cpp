@@ -12,7 +12,9 @@
 #include <thread>
 #include <vector>
 
+#include "core/io_loop.hpp"
 #include "jov/application.hpp"
+#include "jov/detail/task.hpp"
 #include "jov/logger.hpp"
 
 namespace jov {
@@ -43,6 +45,12 @@ class WorkerPool {
       auto work = std::move(queue_.front());
       queue_.pop_front();
       lock.unlock();
+      // Once the process exits, what is left is dropped: it may need what exit tears down.
+      if (detail::IoLoop::exiting()) {
+        work = nullptr;
+        lock.lock();
+        continue;
+      }
       try {
         work();
       } catch (const std::exception& e) {
@@ -212,6 +220,42 @@ void JovUtilities::performRequestMethod(bool async, std::function<void()> work) 
 void JovUtilities::performRequestMethodAsync(std::function<void()> work) {
   if (work) pool().submit(std::move(work));
 }
+
+namespace detail {
+
+void submitToWorker(std::function<void()> work) {
+  pool().submit(std::move(work));
+}
+
+namespace {
+thread_local std::coroutine_handle<> tNext;
+}
+
+void continueOnThisWorker(std::coroutine_handle<> next) {
+  tNext = next;
+}
+
+void resumeOnWorker(std::coroutine_handle<> handle) {
+  pool().submit([handle] {
+    handle.resume();
+    // A routine that finished hands over to its parent here, once its own frame is off the stack.
+    while (tNext) std::exchange(tNext, {}).resume();
+  });
+}
+
+JovError unexpectedError(std::exception_ptr error) {
+  std::string what = "unknown exception";
+  try {
+    std::rethrow_exception(error);
+  } catch (const std::exception& e) {
+    what = e.what();
+  } catch (...) {
+  }
+  JOV_LOG(0, "Uncaught exception in an operation: " + what);
+  return JovError::errorWithCode(JovError::codeUndefinedError(), {{"details", what}});
+}
+
+}  // namespace detail
 
 void JovUtilities::performRequestMethodSynchronous(const std::function<void()>& work) {
   if (work) work();

@@ -1,20 +1,24 @@
 // The libcurl transport.
 //
-// Easy handles are pooled per factory: a finished handle goes back to the pool with its live
-// connections, so the next request to the same host reuses one instead of opening another.
-// DNS answers and TLS sessions are shared between all handles of the factory.
+// Blocking exchanges run curl_easy_perform on the caller's thread with an easy handle from a
+// pool; asynchronous ones are added to the I/O loop's multi handle, which shares its
+// connections between every exchange in flight. Handles keep their options between requests:
+// only what differs from one request to the next is set again. DNS answers and TLS sessions are
+// shared by every handle.
 
 #include <curl/curl.h>
 
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 #include <vector>
 
 #include "core/atomic_file.hpp"
+#include "core/io_loop.hpp"
 #include "jov/application.hpp"
-#include "jov/logger.hpp"
+#include "jov/detail/task.hpp"
 #include "jov/transport.hpp"
 
 namespace jov {
@@ -23,94 +27,131 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-void globalInit() {
-  static std::once_flag once;
-  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
+class CurlRequest;
 
-class CurlPool {
+// What a pooled handle remembers: the request it serves now, and the settings it was last
+// given, so that unchanged ones are not set again.
+struct HandleContext {
+  CURL* easy = nullptr;
+  CurlRequest* request = nullptr;
+  std::string caFile;
+  long connectTimeoutMs = -1;
+  long idleSeconds = -1;
+  bool progress = false;
+  char errorBuffer[CURL_ERROR_SIZE] = {0};
+};
+
+class Share {
  public:
-  CurlPool() {
-    globalInit();
+  Share() {
+    detail::curlGlobalInit();
     share_ = curl_share_init();
-    curl_share_setopt(share_, CURLSHOPT_LOCKFUNC, &CurlPool::lock);
-    curl_share_setopt(share_, CURLSHOPT_UNLOCKFUNC, &CurlPool::unlock);
+    curl_share_setopt(share_, CURLSHOPT_LOCKFUNC, &Share::lock);
+    curl_share_setopt(share_, CURLSHOPT_UNLOCKFUNC, &Share::unlock);
     curl_share_setopt(share_, CURLSHOPT_USERDATA, this);
     curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
     curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
   }
-  ~CurlPool() {
-    for (CURL* h : idle_) curl_easy_cleanup(h);
-    curl_share_cleanup(share_);
-  }
-  CurlPool(const CurlPool&) = delete;
-  CurlPool& operator=(const CurlPool&) = delete;
-
-  CURL* acquire() {
-    {
-      std::lock_guard guard(mutex_);
-      if (!idle_.empty()) {
-        CURL* h = idle_.back();  // the most recently used keeps the warmest connection
-        idle_.pop_back();
-        return h;
-      }
-    }
-    return curl_easy_init();
-  }
-
-  void release(CURL* handle) {
-    curl_easy_reset(handle);  // keeps the connection cache
-    std::lock_guard guard(mutex_);
-    if (idle_.size() < kMaxIdle) {
-      idle_.push_back(handle);
-      return;
-    }
-    curl_easy_cleanup(handle);
-  }
-
-  CURLSH* share() const { return share_; }
+  Share(const Share&) = delete;
+  Share& operator=(const Share&) = delete;
+  CURLSH* get() const { return share_; }
 
  private:
-  static constexpr std::size_t kMaxIdle = 16;
-
   static void lock(CURL*, curl_lock_data data, curl_lock_access, void* self) {
-    static_cast<CurlPool*>(self)->locks_[index(data)].lock();
+    static_cast<Share*>(self)->locks_[index(data)].lock();
   }
   static void unlock(CURL*, curl_lock_data data, void* self) {
-    static_cast<CurlPool*>(self)->locks_[index(data)].unlock();
+    static_cast<Share*>(self)->locks_[index(data)].unlock();
   }
   static std::size_t index(curl_lock_data data) {
     auto i = static_cast<std::size_t>(data);
-    return i < kLocks ? i : 0;
+    return i < static_cast<std::size_t>(CURL_LOCK_DATA_LAST) ? i : 0;
   }
-
-  static constexpr std::size_t kLocks = CURL_LOCK_DATA_LAST;
-  std::array<std::mutex, kLocks> locks_;
-  std::mutex mutex_;
-  std::vector<CURL*> idle_;
+  std::array<std::mutex, CURL_LOCK_DATA_LAST> locks_;
   CURLSH* share_ = nullptr;
 };
 
-class CurlRequest final : public JovURLRequest {
+// Idle handles, most recently used last: that one holds the warmest connection.
+class HandlePool {
  public:
-  CurlRequest(std::shared_ptr<CurlPool> pool, std::string url)
-      : JovURLRequest(std::move(url)), pool_(std::move(pool)) {}
+  HandlePool(CURLSH* share, std::size_t maxIdle) : share_(share), maxIdle_(maxIdle) {}
 
-  void sendRequest() override;
+  HandleContext* acquire();
+  void release(HandleContext* context) {
+    context->request = nullptr;
+    std::lock_guard guard(mutex_);
+    if (idle_.size() < maxIdle_) {
+      idle_.push_back(context);
+      return;
+    }
+    curl_easy_cleanup(context->easy);
+    delete context;
+  }
 
  private:
-  static size_t onHeader(char* data, size_t size, size_t count, void* self);
-  static size_t onWrite(char* data, size_t size, size_t count, void* self);
-  static size_t onRead(char* data, size_t size, size_t count, void* self);
-  static int onProgress(void* self, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,
-                        curl_off_t ulnow);
+  CURLSH* share_;
+  std::size_t maxIdle_;
+  std::mutex mutex_;
+  std::vector<HandleContext*> idle_;
+};
 
-  std::shared_ptr<CurlPool> pool_;
-  CURL* handle_ = nullptr;
+class CurlRequest final : public JovURLRequest,
+                          public detail::LoopTransfer,
+                          public std::enable_shared_from_this<CurlRequest> {
+ public:
+  CurlRequest(HandlePool& syncPool, HandlePool& asyncPool, std::string url)
+      : JovURLRequest(std::move(url)), syncPool_(syncPool), asyncPool_(asyncPool) {}
+
+  void sendRequest() override {
+    if (prepare(syncPool_)) complete(curl_easy_perform(context_->easy));
+  }
+
+  void sendRequestAsync(std::function<void()> done) override {
+    if (!prepare(asyncPool_)) {
+      detail::submitToWorker(std::move(done));
+      return;
+    }
+    done_ = std::move(done);
+    self_ = shared_from_this();  // the loop holds the request until it is done
+    detail::IoLoop::instance().add(this);
+  }
+
+  void cancelRequest() override {
+    // Sent to the loop, which ignores a transfer that already finished.
+    if (auto self = weak_from_this().lock()) detail::IoLoop::instance().cancel(std::move(self));
+  }
+
+  CURL* easyHandle() override { return context_->easy; }
+  void transferDone(CURLcode code) override {
+    if (code == CURLE_ABORTED_BY_CALLBACK && !idleExpired_ && !fileFailed_) cancelled_ = true;
+    complete(code);
+    auto done = std::move(done_);
+    auto keep = std::move(self_);
+    if (done) done();
+  }
+
+  static size_t onHeader(char* data, size_t size, size_t count, void* ctx);
+  static size_t onWrite(char* data, size_t size, size_t count, void* ctx);
+  static size_t onRead(char* data, size_t size, size_t count, void* ctx);
+  static int onProgress(void* ctx, curl_off_t, curl_off_t dlnow, curl_off_t, curl_off_t ulnow);
+
+ private:
+  bool prepare(HandlePool& pool);
+  void complete(CURLcode code);
+
+  HandlePool& syncPool_;
+  HandlePool& asyncPool_;
+  HandlePool* pool_ = nullptr;
+  HandleContext* context_ = nullptr;
+  curl_slist* headerList_ = nullptr;
+  std::function<void()> done_;
+  std::shared_ptr<CurlRequest> self_;
   std::FILE* uploadFile_ = nullptr;
   detail::AtomicFileWriter download_;
   bool toFile_ = false;  // the current response body goes to the download file
   bool fileFailed_ = false;
+  bool cancelled_ = false;
+  bool started_ = false;  // the first byte of the current response body arrived
   std::int64_t received_ = 0;
   std::int64_t expected_ = -1;
   curl_off_t lastDown_ = 0, lastUp_ = 0;
@@ -119,36 +160,82 @@ class CurlRequest final : public JovURLRequest {
   bool idleExpired_ = false;
 };
 
-size_t CurlRequest::onHeader(char* data, size_t size, size_t count, void* self) {
-  auto* r = static_cast<CurlRequest*>(self);
-  size_t n = size * count;
-  std::string line(data, n);
-  while (!line.empty() && (line.back() == '\r' || line.back() == '\n')) line.pop_back();
-  if (line.rfind("HTTP/", 0) == 0) {
+HandleContext* HandlePool::acquire() {
+  {
+    std::lock_guard guard(mutex_);
+    if (!idle_.empty()) {
+      HandleContext* context = idle_.back();
+      idle_.pop_back();
+      return context;
+    }
+  }
+  CURL* easy = curl_easy_init();
+  if (easy == nullptr) return nullptr;
+  auto* context = new HandleContext();
+  context->easy = easy;
+  // What never changes from one request to the next is set once, here.
+  curl_easy_setopt(easy, CURLOPT_SHARE, share_);
+  curl_easy_setopt(easy, CURLOPT_PRIVATE, context);
+  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, context->errorBuffer);
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+  // Request paths go out exactly as formed: "/groups/." must not become "/groups/".
+  curl_easy_setopt(easy, CURLOPT_PATH_AS_IS, 1L);
+  // No Accept-Encoding: the API's bodies are small JSON, and a server compressing each answer
+  // on the fly spends more time than the bytes saved.
+  curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &CurlRequest::onHeader);
+  curl_easy_setopt(easy, CURLOPT_HEADERDATA, context);
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &CurlRequest::onWrite);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, context);
+  curl_easy_setopt(easy, CURLOPT_READFUNCTION, &CurlRequest::onRead);
+  curl_easy_setopt(easy, CURLOPT_READDATA, context);
+  curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &CurlRequest::onProgress);
+  curl_easy_setopt(easy, CURLOPT_XFERINFODATA, context);
+  curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 1L);
+  return context;
+}
+
+CurlRequest* requestOf(void* ctx) {
+  return static_cast<HandleContext*>(ctx)->request;
+}
+
+size_t CurlRequest::onHeader(char* data, size_t size, size_t count, void* ctx) {
+  CurlRequest* r = requestOf(ctx);
+  const size_t n = size * count;
+  size_t length = n;
+  while (length > 0 && (data[length - 1] == '\r' || data[length - 1] == '\n')) --length;
+  if (length >= 5 && std::memcmp(data, "HTTP/", 5) == 0) {
     // A new response begins (after 100 Continue, for instance): forget the previous one's.
     r->responseHeaders_.clear();
     r->responseData_.clear();
     r->received_ = 0;
+    r->started_ = false;
     return n;
   }
-  auto colon = line.find(':');
-  if (colon != std::string::npos) {
-    std::string value = line.substr(colon + 1);
-    auto first = value.find_first_not_of(" \t");
-    value = first == std::string::npos ? std::string() : value.substr(first);
-    r->responseHeaders_.emplace_back(line.substr(0, colon), std::move(value));
-  }
+  const void* colon = std::memchr(data, ':', length);
+  if (colon == nullptr) return n;
+  const size_t nameLength = static_cast<size_t>(static_cast<const char*>(colon) - data);
+  if (!r->keepsHeader(data, nameLength)) return n;
+  size_t valueStart = nameLength + 1;
+  while (valueStart < length && (data[valueStart] == ' ' || data[valueStart] == '\t')) ++valueStart;
+  r->responseHeaders_.emplace_back(std::string(data, nameLength),
+                                   std::string(data + valueStart, length - valueStart));
   return n;
 }
 
-size_t CurlRequest::onWrite(char* data, size_t size, size_t count, void* self) {
-  auto* r = static_cast<CurlRequest*>(self);
-  size_t n = size * count;
-  if (r->received_ == 0) {
+size_t CurlRequest::onWrite(char* data, size_t size, size_t count, void* ctx) {
+  CurlRequest* r = requestOf(ctx);
+  const size_t n = size * count;
+  if (!r->started_) {
+    r->started_ = true;
+    CURL* easy = r->context_->easy;
     long status = 0;
-    curl_easy_getinfo(r->handle_, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
     curl_off_t length = -1;
-    curl_easy_getinfo(r->handle_, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+    curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
     r->expected_ = length;
     r->toFile_ = r->downloadFile_ && status >= 200 && status <= 299;
     if (r->toFile_ && !r->download_.isOpen() && !r->download_.open(*r->downloadFile_)) {
@@ -168,20 +255,19 @@ size_t CurlRequest::onWrite(char* data, size_t size, size_t count, void* self) {
     r->responseData_.append(data, n);
   }
   r->received_ += static_cast<std::int64_t>(n);
-  r->reportReceived(r->received_, r->expected_);
+  if (r->onReceived_) r->reportReceived(r->received_, r->expected_);
   return n;
 }
 
-size_t CurlRequest::onRead(char* data, size_t size, size_t count, void* self) {
-  auto* r = static_cast<CurlRequest*>(self);
+size_t CurlRequest::onRead(char* data, size_t size, size_t count, void* ctx) {
+  CurlRequest* r = requestOf(ctx);
   size_t n = std::fread(data, 1, size * count, r->uploadFile_);
   if (n == 0 && std::ferror(r->uploadFile_)) return CURL_READFUNC_ABORT;
   return n;
 }
 
-int CurlRequest::onProgress(void* self, curl_off_t, curl_off_t dlnow, curl_off_t,
-                            curl_off_t ulnow) {
-  auto* r = static_cast<CurlRequest*>(self);
+int CurlRequest::onProgress(void* ctx, curl_off_t, curl_off_t dlnow, curl_off_t, curl_off_t ulnow) {
+  CurlRequest* r = requestOf(ctx);
   auto now = Clock::now();
   if (ulnow != r->lastUp_) r->reportSent(ulnow);
   if (dlnow != r->lastDown_ || ulnow != r->lastUp_) {
@@ -197,95 +283,121 @@ int CurlRequest::onProgress(void* self, curl_off_t, curl_off_t dlnow, curl_off_t
   return 0;
 }
 
-void CurlRequest::sendRequest() {
+bool CurlRequest::prepare(HandlePool& pool) {
   responseCode_ = 0;
   responseHeaders_.clear();
   responseError_.reset();
   responseData_.clear();
   received_ = 0;
   expected_ = -1;
-  idleExpired_ = fileFailed_ = toFile_ = false;
+  idleExpired_ = fileFailed_ = toFile_ = cancelled_ = started_ = false;
 
-  handle_ = pool_->acquire();
-  if (handle_ == nullptr) {
+  context_ = pool.acquire();
+  if (context_ == nullptr) {
     responseError_ = "unable to create an HTTP handle";
-    return;
+    return false;
   }
-  char errorBuffer[CURL_ERROR_SIZE] = {0};
-  curl_easy_setopt(handle_, CURLOPT_ERRORBUFFER, errorBuffer);
-  curl_easy_setopt(handle_, CURLOPT_SHARE, pool_->share());
-  curl_easy_setopt(handle_, CURLOPT_URL, url_.c_str());
-  curl_easy_setopt(handle_, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(handle_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
-  // No Accept-Encoding: the API's bodies are small JSON, and a server compressing each answer
-  // on the fly spends more time than the bytes saved (brotli about 500 us, gzip about 25 us a
-  // request on loopback).
-  curl_easy_setopt(handle_, CURLOPT_TCP_KEEPALIVE, 1L);
-  curl_easy_setopt(handle_, CURLOPT_SSL_VERIFYPEER, 1L);
-  curl_easy_setopt(handle_, CURLOPT_SSL_VERIFYHOST, 2L);
-  auto caFile = Jov::caFile();
-  if (!caFile.empty()) curl_easy_setopt(handle_, CURLOPT_CAINFO, caFile.c_str());
-  curl_easy_setopt(handle_, CURLOPT_CONNECTTIMEOUT_MS,
-                   static_cast<long>(Jov::connectTimeout().count()));
-  idleLimit_ = Jov::idleTimeout();
+  pool_ = &pool;
+  context_->request = this;
+  context_->errorBuffer[0] = '\0';
+  CURL* easy = context_->easy;
 
-  // Method and body.
-  if (method_ == "HEAD") {
-    curl_easy_setopt(handle_, CURLOPT_NOBODY, 1L);
-  } else if (method_ != "GET" || !body_.empty() || bodyFile_) {
-    // A body would otherwise turn the request into a POST (or, from a file, a PUT).
-    curl_easy_setopt(handle_, CURLOPT_CUSTOMREQUEST, method_.c_str());
-  }
   if (bodyFile_) {
     uploadFile_ = std::fopen(bodyFile_->c_str(), "rb");
     if (uploadFile_ == nullptr) {
       responseError_ = "cannot read " + bodyFile_->string();
-      pool_->release(handle_);
-      handle_ = nullptr;
-      return;
+      pool_->release(context_);
+      context_ = nullptr;
+      return false;
     }
+  }
+
+  // Settings of the application, set again only when they changed.
+  const std::string caFile = Jov::caFile();
+  if (caFile != context_->caFile) {
+    curl_easy_setopt(easy, CURLOPT_CAINFO, caFile.empty() ? nullptr : caFile.c_str());
+    context_->caFile = caFile;
+  }
+  const long connectMs = static_cast<long>(Jov::connectTimeout().count());
+  if (connectMs != context_->connectTimeoutMs) {
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, connectMs);
+    context_->connectTimeoutMs = connectMs;
+  }
+  // The idle limit: whole seconds are libcurl's own low-speed check (no byte for that long);
+  // a limit below a second needs the progress callback, which costs a call per tick.
+  idleLimit_ = Jov::idleTimeout();
+  const bool subSecond = idleLimit_.count() > 0 && idleLimit_.count() % 1000 != 0;
+  const long idleSeconds = subSecond ? 0 : static_cast<long>(idleLimit_.count() / 1000);
+  if (idleSeconds != context_->idleSeconds) {
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, idleSeconds > 0 ? 1L : 0L);
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, idleSeconds);
+    context_->idleSeconds = idleSeconds;
+  }
+  const bool progress = subSecond || onSent_ || onReceived_;
+  if (progress != context_->progress) {
+    curl_easy_setopt(easy, CURLOPT_NOPROGRESS, progress ? 0L : 1L);
+    context_->progress = progress;
+  }
+
+  curl_easy_setopt(easy, CURLOPT_URL, url_.c_str());
+
+  // Method and body. HTTPGET resets what a previous request left (upload, no-body, POST).
+  curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+  const char* custom = method_.c_str();
+  if (method_ == "HEAD") {
+    curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+    custom = nullptr;
+  } else if (bodyFile_) {
     std::error_code ec;
     auto size = std::filesystem::file_size(*bodyFile_, ec);
-    curl_easy_setopt(handle_, CURLOPT_UPLOAD, 1L);
-    curl_easy_setopt(handle_, CURLOPT_READFUNCTION, &CurlRequest::onRead);
-    curl_easy_setopt(handle_, CURLOPT_READDATA, this);
-    if (!ec) curl_easy_setopt(handle_, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(size));
+    curl_easy_setopt(easy, CURLOPT_UPLOAD, 1L);
+    curl_easy_setopt(easy, CURLOPT_INFILESIZE_LARGE,
+                     ec ? static_cast<curl_off_t>(-1) : static_cast<curl_off_t>(size));
+    if (method_ == "PUT") custom = nullptr;
   } else if (!body_.empty()) {
-    curl_easy_setopt(handle_, CURLOPT_POSTFIELDS, body_.data());
-    curl_easy_setopt(handle_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body_.size()));
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body_.size()));
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body_.data());
+    if (method_ == "POST") custom = nullptr;
+  } else if (method_ == "GET") {
+    custom = nullptr;
+  } else if (method_ == "POST" || method_ == "PUT" || method_ == "PATCH") {
+    // An empty body still goes out as one, with its length.
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(0));
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, "");
+    if (method_ == "POST") custom = nullptr;
   }
+  // A GET with a body stays a GET: the custom method keeps libcurl from turning it into a POST.
+  curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, custom);
 
   // Headers, spelled as given. "Expect:" keeps curl from waiting for 100 Continue.
-  curl_slist* list = nullptr;
   for (const auto& [field, value] : headers_) {
     std::string line = value.empty() ? field + ";" : field + ": " + value;
-    list = curl_slist_append(list, line.c_str());
+    headerList_ = curl_slist_append(headerList_, line.c_str());
   }
-  list = curl_slist_append(list, "Expect:");
-  curl_easy_setopt(handle_, CURLOPT_HTTPHEADER, list);
+  headerList_ = curl_slist_append(headerList_, "Expect:");
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headerList_);
 
-  curl_easy_setopt(handle_, CURLOPT_HEADERFUNCTION, &CurlRequest::onHeader);
-  curl_easy_setopt(handle_, CURLOPT_HEADERDATA, this);
-  curl_easy_setopt(handle_, CURLOPT_WRITEFUNCTION, &CurlRequest::onWrite);
-  curl_easy_setopt(handle_, CURLOPT_WRITEDATA, this);
-  curl_easy_setopt(handle_, CURLOPT_NOPROGRESS, 0L);
-  curl_easy_setopt(handle_, CURLOPT_XFERINFOFUNCTION, &CurlRequest::onProgress);
-  curl_easy_setopt(handle_, CURLOPT_XFERINFODATA, this);
   lastActivity_ = Clock::now();
   lastDown_ = lastUp_ = 0;
+  return true;
+}
 
-  CURLcode code = curl_easy_perform(handle_);
+void CurlRequest::complete(CURLcode code) {
+  CURL* easy = context_->easy;
   long status = 0;
-  curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status);
+  curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
 
   if (code != CURLE_OK) {
-    if (idleExpired_) {
+    if (cancelled_) {
+      responseError_ = "cancelled";
+    } else if (idleExpired_ || code == CURLE_OPERATION_TIMEDOUT) {
       responseError_ = "no data for " + std::to_string(idleLimit_.count()) + " ms";
     } else if (fileFailed_) {
       responseError_ = "cannot write the download: " + download_.error();
     } else {
-      responseError_ = std::string(curl_easy_strerror(code)) +
-                       (errorBuffer[0] ? std::string(": ") + errorBuffer : std::string());
+      responseError_ =
+          std::string(curl_easy_strerror(code)) +
+          (context_->errorBuffer[0] ? std::string(": ") + context_->errorBuffer : std::string());
     }
     download_.discard();
   } else {
@@ -300,24 +412,37 @@ void CurlRequest::sendRequest() {
     }
   }
 
-  curl_slist_free_all(list);
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
+  curl_slist_free_all(headerList_);
+  headerList_ = nullptr;
   if (uploadFile_) {
     std::fclose(uploadFile_);
     uploadFile_ = nullptr;
   }
-  curl_easy_setopt(handle_, CURLOPT_ERRORBUFFER, nullptr);
-  pool_->release(handle_);
-  handle_ = nullptr;
+  pool_->release(context_);
+  context_ = nullptr;
 }
 
 class CurlRequestFactory final : public JovURLRequestFactory {
  public:
   std::unique_ptr<JovURLRequest> requestWithURL(const std::string& url) override {
-    return std::make_unique<CurlRequest>(pool_, url);
+    return std::make_unique<CurlRequest>(syncPool_, asyncPool_, url);
   }
 
  private:
-  std::shared_ptr<CurlPool> pool_ = std::make_shared<CurlPool>();
+  // One set of handles for the process, never destroyed: a request in flight may return its
+  // handle after the application replaced the factory, or while the process exits.
+  static Share& share() {
+    static auto* s = new Share();
+    return *s;
+  }
+  static HandlePool& pool(bool async) {
+    static auto* syncPool = new HandlePool(share().get(), 64);
+    static auto* asyncPool = new HandlePool(share().get(), 256);
+    return async ? *asyncPool : *syncPool;
+  }
+  HandlePool& syncPool_ = pool(false);
+  HandlePool& asyncPool_ = pool(true);
 };
 
 }  // namespace

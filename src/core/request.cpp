@@ -1,5 +1,10 @@
+// Execution of one exchange, in the order the service expects: the application's checks, the
+// session (re-login, token refresh), headers and body, the transport, then the answer.
+
 #include "jov/request.hpp"
 
+#include "core/cancel_state.hpp"
+#include "core/exchange.hpp"
 #include "core/session.hpp"
 #include "jov/application.hpp"
 #include "jov/logger.hpp"
@@ -18,7 +23,7 @@ std::string traceHeaders(const char* label, const JovHeaders& headers) {
 }
 
 void showHttpRequestInfo(const JovURLRequest& t) {
-  std::string body = t.httpBody();
+  const std::string& body = t.httpBody();
   std::string text = "***** JovRequest - Request Output *****";
   text += traceHeaders("Request Header : ", t.headers());
   if (!body.empty()) {
@@ -42,6 +47,158 @@ void showHttpResponseInfo(JovURLRequest& t) {
           "]: " + JovRequest::trimHttpBodyString(t.responseData());
   JOV_LOG(kTraceLevel, text);
 }
+
+// User-Agent, If-Match and the body, which go before the token.
+void addBody(JovRequest& r, JovURLRequest& t, const std::string& etag) {
+  t.setValue("ios/1.1", "User-Agent");
+  if (!etag.empty()) t.addValue(etag, "If-Match");
+  if (!r.content) r.content = "application/json";
+  if (r.plainText && r.requestMethod == JovMethodPut && !r.fileData && !r.uploadFilePath) {
+    t.setHTTPBody(*r.plainText);
+  } else if (r.requestMethod != JovMethodDefault && r.requestMethod != JovMethodDelete &&
+             !r.fileData && !r.uploadFilePath && r.postData) {
+    t.setHTTPBody(r.postData->dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+  } else if (r.fileData) {
+    r.uploadFileSize = static_cast<std::int64_t>(r.fileData->size());
+    if (r.uploadFileSize > 0) t.setHTTPBody(*r.fileData);
+    t.addValue(std::to_string(r.uploadFileSize), "Content-Length");
+    JOV_LOG(kTraceLevel, "Uploading data with length: " + std::to_string(r.uploadFileSize));
+  } else if (r.uploadFilePath) {
+    std::error_code ec;
+    r.uploadFileSize = static_cast<std::int64_t>(std::filesystem::file_size(*r.uploadFilePath, ec));
+    t.setHTTPBodyFile(*r.uploadFilePath);
+    if (!ec) t.addValue(std::to_string(r.uploadFileSize), "Content-Length");
+    JOV_LOG(kTraceLevel, "Uploading data with length: " + std::to_string(r.uploadFileSize));
+  }
+  if (r.downloadPath && !r.isChunkDownload) t.setDownloadFile(*r.downloadPath);
+  if (r.reportsProgress) {
+    t.setProgressHandlers([&r](std::int64_t sent) { r.requestDataSend(sent); },
+                          [&r](std::int64_t received, std::int64_t expected) {
+                            r.responseDataReceived(received, expected);
+                          });
+  }
+  t.setKeepAllResponseHeaders(r.keepAllResponseHeaders);
+}
+
+// The application's headers, method, media types and the caller's own headers.
+void addApplicationHeaders(const JovRequest& r, JovURLRequest& t, const std::string& appID,
+                           const std::string& appKey) {
+  t.addValue(appID, "X-Jov-AppID");
+  t.addValue(appKey, "X-Jov-AppKey");
+  t.addValue(Jov::sdkClientInfo(), "X-Jov-SDK");
+  if (r.accept) t.addValue(*r.accept, "accept");
+  t.setHTTPMethod(JovRequest::methodString(r.requestMethod));
+  t.addValue(*r.content, "Content-type");
+  for (const auto& [field, value] : r.customHeaders) t.addValue(value, field);
+}
+
+// A 2xx answer: its JSON, ETag and, for a chunk download, its bytes.
+void readSuccess(JovRequest& r, JovURLRequest& t, JovResponse& response) {
+  std::string& body = t.responseData();
+  if (!body.empty()) {
+    response.json = nlohmann::json::parse(body, nullptr, false);
+    if (response.json.is_discarded()) {
+      JOV_LOG(kTraceLevel, "Unable to parse the response body as JSON");
+      response.json = nullptr;
+    }
+  }
+  if (auto tag = jovHeaderValue(r.responseHeaders, "ETag")) {
+    std::erase(*tag, '"');
+    response.etag = std::move(*tag);
+  }
+  if (r.downloadPath && r.isChunkDownload) r.chunkDownloadData = std::move(body);
+}
+
+// Any other status: the service's errorCode and message, when the body is JSON.
+void readFailure(JovURLRequest& t, JovResponse& response, std::string& serverCode) {
+  const std::string& body = t.responseData();
+  std::string serverMessage = "Unable to parse server response";
+  int code = 0;
+  if (!body.empty()) {
+    auto parsed = nlohmann::json::parse(body, nullptr, false);
+    if (!parsed.is_discarded()) {
+      serverMessage.clear();
+      if (parsed.is_object()) {
+        if (auto m = parsed.find("message"); m != parsed.end() && m->is_string())
+          serverMessage = m->get<std::string>();
+        if (auto c = parsed.find("errorCode"); c != parsed.end() && c->is_string())
+          serverCode = c->get<std::string>();
+      }
+      if (serverCode == "invalid_grant") {
+        code = JovError::codeUnableToAuthenticateUser();
+        if (auto d = parsed.find("error_description"); d != parsed.end() && d->is_string())
+          serverMessage = d->get<std::string>();
+      } else if (serverCode == "APP_NOT_FOUND") {
+        code = JovError::codeAppNotFound();
+      } else if (serverCode == "UNAUTHORIZED") {
+        code = JovError::codeUnauthorizedRequest();
+      }
+      response.json = std::move(parsed);
+    }
+  }
+  nlohmann::json info = nlohmann::json::object();
+  if (!serverCode.empty()) info["server_code"] = serverCode;
+  info["server_message"] = std::move(serverMessage);
+  if (response.status >= 1) info["http_status"] = response.status;
+  JOV_LOG(kTraceLevel, "########## " + JovRequest::trimHttpBodyString(info.dump()));
+  response.error = JovError::errorWithCode(code, std::move(info));
+}
+
+// Sends the transport's request: inline in a blocking run; through the transport's
+// asynchronous path in an asynchronous one, where a cancellation ends the wait at once.
+struct Transmit {
+  std::shared_ptr<JovURLRequest> transport;
+  std::optional<JovError> cancelled;
+  std::shared_ptr<detail::CancelState> attachedTo;
+
+  // Who resumes the routine: the transport's completion or the cancellation, whichever first.
+  struct Flight {
+    std::atomic<bool> claimed{false};
+    bool claim() { return !claimed.exchange(true, std::memory_order_acq_rel); }
+  };
+
+  bool await_ready() const noexcept { return false; }
+  template <class P>
+  bool await_suspend(std::coroutine_handle<P> routine) {
+    detail::Env& env = *routine.promise().env;
+    if (env.cancel) {
+      if (auto error = env.cancel->error()) {
+        cancelled = std::move(error);
+        return false;
+      }
+    }
+    if (!env.async) {
+      transport->sendRequest();
+      return false;
+    }
+    auto flight = std::make_shared<Flight>();
+    if (env.cancel) {
+      std::shared_ptr<detail::CancelState> cancel = env.cancel;
+      bool attached = cancel->attach([this, flight, transport = transport, cancel, routine] {
+        if (!flight->claim()) return;
+        cancelled = cancel->error();
+        transport->cancelRequest();
+        detail::resumeOnWorker(routine);
+      });
+      if (!attached) {
+        cancelled = cancel->error();
+        return false;
+      }
+      attachedTo = env.cancel;
+    }
+    // After this call the routine may already run on a worker: nothing of `this` is touched.
+    // The completion holds the transport: a cancelled routine may end before the exchange does.
+    JovURLRequest& sender = *transport;
+    sender.sendRequestAsync([flight, routine, keep = transport] {
+      if (flight->claim()) detail::resumeOnWorker(routine);
+    });
+    return true;
+  }
+  std::optional<JovError> await_resume() {
+    if (attachedTo) attachedTo->detach();
+    return std::move(cancelled);
+  }
+};
 
 }  // namespace
 
@@ -91,143 +248,101 @@ void JovRequest::responseDataReceived(std::int64_t, std::int64_t) {}
 void JovRequest::requestDataSend(std::int64_t) {}
 
 JovResponse JovRequest::makeSynchronousRequest(const std::string& etag) {
-  JovResponse response;
-  response.etag = etag;
-
-  // 1. An application that was never begun sends nothing.
-  const std::string appID = Jov::appID(), appKey = Jov::appKey();
-  if (Jov::baseURL().empty() || appID.empty() || appKey.empty()) {
-    response.error = JovError::errorWithCode(JovError::codeInvalidApplication());
-    return response;
-  }
-
-  auto hooks = detail::sessionHooks();
-  // 2. A password changed locally is sent by logging in again before anything else.
-  if (hooks && !authenticating) {
-    if (auto error = hooks->reloginIfPasswordChanged()) {
-      response.error = std::move(*error);
-      return response;
-    }
-  }
-
-  // 3. A transport for this exchange.
-  std::unique_ptr<JovURLRequest> transport = Jov::requestFactory()->requestWithURL(requestPath);
-  transport->setProgressHandlers([this](std::int64_t sent) { requestDataSend(sent); },
-                                 [this](std::int64_t received, std::int64_t expected) {
-                                   responseDataReceived(received, expected);
-                                 });
-
-  // 4-7. Fixed headers and the body.
-  transport->setValue("ios/1.1", "User-Agent");
-  if (!etag.empty()) transport->addValue(etag, "If-Match");
-  if (!content) content = "application/json";
-  if (plainText && requestMethod == JovMethodPut && !fileData && !uploadFilePath) {
-    transport->setHTTPBody(*plainText);
-  } else if (requestMethod != JovMethodDefault && requestMethod != JovMethodDelete && !fileData &&
-             !uploadFilePath && postData) {
-    transport->setHTTPBody(
-        postData->dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
-  } else if (fileData) {
-    uploadFileSize = static_cast<std::int64_t>(fileData->size());
-    if (uploadFileSize > 0) transport->setHTTPBody(*fileData);
-    transport->addValue(std::to_string(uploadFileSize), "Content-Length");
-    JOV_LOG(kTraceLevel, "Uploading data with length: " + std::to_string(uploadFileSize));
-  } else if (uploadFilePath) {
-    std::error_code ec;
-    uploadFileSize = static_cast<std::int64_t>(std::filesystem::file_size(*uploadFilePath, ec));
-    transport->setHTTPBodyFile(*uploadFilePath);
-    if (!ec) transport->addValue(std::to_string(uploadFileSize), "Content-Length");
-    JOV_LOG(kTraceLevel, "Uploading data with length: " + std::to_string(uploadFileSize));
-  }
-  if (downloadPath && !isChunkDownload) transport->setDownloadFile(*downloadPath);
-
-  // 8. The current user's token, refreshed first when it is about to expire.
-  if (!anonymous && hooks) {
-    if (auto error = hooks->refreshTokenIfNeeded()) {
-      response.error = std::move(*error);
-      return response;
-    }
-    std::string token = hooks->accessToken();
-    if (!token.empty()) transport->addValue("Bearer " + token, "Authorization");
-  }
-
-  // 9. Application headers, method, content type and the caller's own headers.
-  transport->addValue(appID, "X-Jov-AppID");
-  transport->addValue(appKey, "X-Jov-AppKey");
-  transport->addValue(Jov::sdkClientInfo(), "X-Jov-SDK");
-  if (accept) transport->addValue(*accept, "accept");
-  transport->setHTTPMethod(methodString(requestMethod));
-  transport->addValue(*content, "Content-type");
-  for (const auto& [field, value] : customHeaders) transport->addValue(value, field);
-
-  // 10. Send and wait.
-  if (JovLogger::enabled(kTraceLevel)) showHttpRequestInfo(*transport);
-  transport->sendRequest();
-  responseHeaders = transport->responseHeaders();
-  if (JovLogger::enabled(kTraceLevel)) showHttpResponseInfo(*transport);
-
-  // 11. No answer at all.
-  if (transport->responseError()) {
-    JOV_LOG(kTraceLevel, "Transport error: " + *transport->responseError());
-    response.error = JovError::errorWithCode(JovError::codeUnableToConnectToInternet());
-    return response;
-  }
-
-  // 12-13. Success.
-  const int status = transport->responseCode();
-  if (status >= 1) response.status = status;
-  std::string& body = transport->responseData();
-  if (status >= 200 && status <= 299) {
-    if (!body.empty()) {
-      response.json = nlohmann::json::parse(body, nullptr, false);
-      if (response.json.is_discarded()) {
-        JOV_LOG(kTraceLevel, "Unable to parse the response body as JSON");
-        response.json = nullptr;
-      }
-    }
-    if (auto tag = jovHeaderValue(responseHeaders, "ETag")) {
-      std::erase(*tag, '"');
-      response.etag = std::move(*tag);
-    }
-    if (downloadPath && isChunkDownload) chunkDownloadData = std::move(body);
-    return response;
-  }
-
-  // 14. Failure: the service's errorCode and message, when the body is JSON.
-  std::string serverCode;
-  std::string serverMessage = "Unable to parse server response";
-  int code = 0;
-  if (!body.empty()) {
-    auto parsed = nlohmann::json::parse(body, nullptr, false);
-    if (!parsed.is_discarded()) {
-      serverMessage.clear();
-      if (parsed.is_object()) {
-        if (auto m = parsed.find("message"); m != parsed.end() && m->is_string())
-          serverMessage = m->get<std::string>();
-        if (auto c = parsed.find("errorCode"); c != parsed.end() && c->is_string())
-          serverCode = c->get<std::string>();
-      }
-      if (serverCode == "invalid_grant") {
-        code = JovError::codeUnableToAuthenticateUser();
-        if (auto d = parsed.find("error_description"); d != parsed.end() && d->is_string())
-          serverMessage = d->get<std::string>();
-      } else if (serverCode == "APP_NOT_FOUND") {
-        code = JovError::codeAppNotFound();
-      } else if (serverCode == "UNAUTHORIZED") {
-        code = JovError::codeUnauthorizedRequest();
-      }
-      response.json = std::move(parsed);
-    }
-  }
-  nlohmann::json info = nlohmann::json::object();
-  if (!serverCode.empty()) info["server_code"] = serverCode;
-  info["server_message"] = std::move(serverMessage);
-  if (status >= 1) info["http_status"] = status;
-  JOV_LOG(kTraceLevel, "########## " + trimHttpBodyString(info.dump()));
-  response.error = JovError::errorWithCode(code, std::move(info));
-
-  if (status == 403 && serverCode == "WRONG_TOKEN" && hooks) hooks->logOut();
-  return response;
+  return detail::runSync(detail::execute(*this, etag));
 }
+
+namespace detail {
+
+namespace {
+
+// One execution's state. The routine below keeps it as its only local and returns from its top
+// scope only: GCC 12 mishandles locals of nested scopes in a coroutine that returns early after
+// a real suspension.
+struct Execution {
+  JovRequest& r;
+  std::string etag;
+  JovResponse response;
+  std::string appID, appKey;
+  std::shared_ptr<SessionHooks> hooks;
+  std::shared_ptr<JovURLRequest> transport;
+  std::optional<JovError> error;
+  bool trace = false;
+};
+
+// The application's checks; false when nothing may be sent.
+bool begin(Execution& x) {
+  x.response.etag = x.etag;
+  x.appID = Jov::appID();
+  x.appKey = Jov::appKey();
+  if (Jov::baseURL().empty() || x.appID.empty() || x.appKey.empty()) {
+    x.response.error = JovError::errorWithCode(JovError::codeInvalidApplication());
+    return false;
+  }
+  x.hooks = sessionHooks();
+  return true;
+}
+
+void prepare(Execution& x) {
+  x.transport = Jov::requestFactory()->requestWithURL(x.r.requestPath);
+  addBody(x.r, *x.transport, x.etag);
+}
+
+void addHeaders(Execution& x) {
+  if (!x.r.anonymous && x.hooks) {
+    std::string token = x.hooks->accessToken();
+    if (!token.empty()) x.transport->addValue("Bearer " + token, "Authorization");
+  }
+  addApplicationHeaders(x.r, *x.transport, x.appID, x.appKey);
+  x.trace = JovLogger::enabled(kTraceLevel);
+  if (x.trace) showHttpRequestInfo(*x.transport);
+}
+
+JovResponse failed(Execution& x) {
+  x.response.error = std::move(x.error);
+  return std::move(x.response);
+}
+
+// The answer: no answer at all (201), success, or the service's refusal.
+JovResponse finish(Execution& x) {
+  JovURLRequest& t = *x.transport;
+  x.r.responseHeaders = t.responseHeaders();
+  if (x.trace) showHttpResponseInfo(t);
+  if (t.responseError()) {
+    JOV_LOG(kTraceLevel, "Transport error: " + *t.responseError());
+    x.response.error = JovError::errorWithCode(JovError::codeUnableToConnectToInternet());
+    return std::move(x.response);
+  }
+  const int status = t.responseCode();
+  if (status >= 1) x.response.status = status;
+  if (status >= 200 && status <= 299) {
+    readSuccess(x.r, t, x.response);
+    return std::move(x.response);
+  }
+  std::string serverCode;
+  readFailure(t, x.response, serverCode);
+  if (status == 403 && serverCode == "WRONG_TOKEN" && x.hooks) x.hooks->logOut();
+  return std::move(x.response);
+}
+
+}  // namespace
+
+Task<JovResponse> execute(JovRequest& r, std::string etag) {
+  Execution x{r, std::move(etag)};
+  if (!begin(x)) co_return std::move(x.response);
+  // A password changed locally is sent by logging in again before anything else.
+  if (x.hooks && !r.authenticating) x.error = co_await x.hooks->reloginIfPasswordChanged();
+  if (x.error) co_return failed(x);
+  prepare(x);
+  // The current user's token, refreshed first when it is about to expire.
+  if (!r.anonymous && x.hooks) x.error = co_await x.hooks->refreshTokenIfNeeded();
+  if (x.error) co_return failed(x);
+  addHeaders(x);
+  Transmit transmit{x.transport, std::nullopt, nullptr};
+  x.error = co_await transmit;
+  if (x.error) co_return failed(x);
+  co_return finish(x);
+}
+
+}  // namespace detail
 
 }  // namespace jov

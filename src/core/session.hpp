@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "jov/detail/task.hpp"
 #include "jov/error.hpp"
 
 namespace jov {
@@ -23,9 +24,10 @@ class SessionHooks {
   virtual ~SessionHooks() = default;
   /// When the current user changed its password locally, logs in again with the new one and
   /// clears the flag; a failed login gives 302. Not called for the login exchange itself.
-  virtual std::optional<JovError> reloginIfPasswordChanged() = 0;
-  /// Refreshes the current user's access token when it is about to expire.
-  virtual std::optional<JovError> refreshTokenIfNeeded() = 0;
+  virtual Task<std::optional<JovError>> reloginIfPasswordChanged() = 0;
+  /// Refreshes the current user's access token when it is about to expire; concurrent callers
+  /// share one refresh.
+  virtual Task<std::optional<JovError>> refreshTokenIfNeeded() = 0;
   /// The current user's access token; empty when there is none.
   virtual std::string accessToken() = 0;
   /// Logs the current user out (the service no longer knows its token).

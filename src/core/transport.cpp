@@ -2,6 +2,9 @@
 
 #include <strings.h>
 
+#include <string_view>
+#include <thread>
+
 namespace jov {
 
 std::optional<std::string> jovHeaderValue(const JovHeaders& headers, const std::string& name) {
@@ -18,6 +21,31 @@ void JovURLRequest::setValue(const std::string& value, const std::string& field)
 
 void JovURLRequest::addValue(const std::string& value, const std::string& field) {
   headers_.emplace_back(field, value);
+}
+
+}  // namespace jov
+
+namespace jov {
+
+void JovURLRequest::sendRequestAsync(std::function<void()> done) {
+  // A transport without an event loop of its own: one thread per exchange. Only test doubles
+  // and custom transports get here; the libcurl transport drives its exchanges from the I/O
+  // loop.
+  std::thread([this, done = std::move(done)] {
+    sendRequest();
+    done();
+  }).detach();
+}
+
+bool JovURLRequest::keepsHeader(const char* name, std::size_t length) const {
+  if (keepAllHeaders_) return true;
+  static constexpr std::string_view kRead[] = {
+      "ETag",     "Content-Type", "Content-Length",        "Content-Range",
+      "Location", "X-Step-count", "X-Environment-version",
+  };
+  for (std::string_view wanted : kRead)
+    if (wanted.size() == length && strncasecmp(wanted.data(), name, length) == 0) return true;
+  return false;
 }
 
 }  // namespace jov

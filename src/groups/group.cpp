@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "groups/group_support.hpp"
+#include "core/fields.hpp"
 #include "jov/application.hpp"
 #include "jov/encoding.hpp"
 #include "jov/logger.hpp"
@@ -112,14 +112,26 @@ std::string JovGroup::objectURI() const {
   return std::string(kGroupURIPrefix) + uuid_;
 }
 
-bool JovGroup::loadFromJSON(const nlohmann::json& json) {
-  if (!json.is_object()) return false;
-  if (auto id = detail::groupIDIn(json)) uuid_ = *id;
-  if (auto name = jsonString(json, "name")) name_ = *name;
-  if (auto owner = jsonString(json, "owner"); owner && !owner->empty()) {
-    owner_ = JovUser::userWithID(*owner);
+// The group record as the service sends it; "groupID" wins over the older "uuid".
+struct GroupFields {
+  static void setID(JovGroup& g, const nlohmann::json& v) {
+    if (!v.get_ref<const std::string&>().empty()) g.uuid_ = v.get<std::string>();
   }
-  return true;
+  static void setName(JovGroup& g, const nlohmann::json& v) { g.name_ = v.get<std::string>(); }
+  static void setOwner(JovGroup& g, const nlohmann::json& v) {
+    if (!v.get_ref<const std::string&>().empty())
+      g.owner_ = JovUser::userWithID(v.get<std::string>());
+  }
+  static constexpr detail::Field<JovGroup> kTable[] = {
+      {"uuid", detail::JsonType::String, setID},
+      {"groupID", detail::JsonType::String, setID},
+      {"name", detail::JsonType::String, setName},
+      {"owner", detail::JsonType::String, setOwner},
+  };
+};
+
+bool JovGroup::loadFromJSON(const nlohmann::json& json) {
+  return detail::loadFields(*this, json, GroupFields::kTable);
 }
 
 bool JovGroup::addUser(const std::shared_ptr<JovUser>& user) {

@@ -1,14 +1,19 @@
 // The access-token refresh rule and the other session hooks requests call.
 //
-// A refresh is single-flight: requests on other threads that find the same token near expiry
-// wait for the refresh in flight and use its outcome instead of refreshing again (the service
-// would otherwise see the same refresh token twice and may refuse the second use).
+// A refresh is single-flight: requests that find the same token near expiry while a refresh is
+// running wait for it and use its outcome instead of refreshing again (the service would
+// otherwise see the same refresh token twice and may refuse the second use). A blocking request
+// waits on a condition variable; an asynchronous one suspends and is resumed on a worker when
+// the refresh ends, so no thread is held while it waits.
 
 #include "users/session_hooks.hpp"
 
 #include <condition_variable>
+#include <coroutine>
 #include <mutex>
+#include <vector>
 
+#include "core/exchange.hpp"
 #include "jov/application.hpp"
 #include "jov/encoding.hpp"
 #include "jov/logger.hpp"
@@ -28,12 +33,42 @@ struct RefreshFlight {
   std::weak_ptr<JovUser> user;  // the refresh running, or the last one
   std::string fromToken;        // the access token it replaces
   std::optional<JovError> outcome;
+  std::vector<std::coroutine_handle<>> suspended;  // asynchronous waiters
 };
 
 RefreshFlight& flight() {
   static auto* f = new RefreshFlight();  // leaked: workers may refresh during exit
   return *f;
 }
+
+// Waits, with the flight's mutex held by `lock`, until the running refresh ends. A blocking
+// routine waits here; an asynchronous one suspends and gives the lock up.
+struct AwaitRefresh {
+  std::unique_lock<std::mutex>& lock;
+  std::uint64_t generation;
+
+  bool await_ready() const noexcept { return false; }
+  template <class P>
+  bool await_suspend(std::coroutine_handle<P> routine) {
+    RefreshFlight& f = flight();
+    ++f.waiters;
+    f.changed.notify_all();
+    if (!routine.promise().env->async) {
+      f.changed.wait(lock, [&] { return f.generation != generation; });
+      --f.waiters;
+      return false;
+    }
+    f.suspended.push_back(routine);
+    lock.unlock();
+    return true;
+  }
+  void await_resume() {
+    if (!lock.owns_lock()) {
+      lock.lock();
+      --flight().waiters;
+    }
+  }
+};
 
 bool nearExpiry(const JovUser& user) {
   if (user.refreshToken().empty()) return false;
@@ -44,27 +79,28 @@ bool nearExpiry(const JovUser& user) {
   return remaining < kRefreshThresholdSeconds;
 }
 
-std::optional<JovError> refreshNow(const JovUser::Ptr& user) {
-  auto exchanged = refreshAccessTokenSynchronous(user->refreshToken());
+constexpr Exchange kRefreshToken{JovMethodPost, "/oauth2/token", {.anonymous = true}};
+
+Task<std::optional<JovError>> refreshNow(JovUser::Ptr user) {
+  auto exchanged = co_await refreshAccessTokenRoutine(user->refreshToken());
   if (!exchanged) {
     const JovError& error = exchanged.error();
     // Without a connection the token may still be good later: keep the user.
     if (error.domain() == JovError::kDomain &&
         error.code() == JovError::codeUnableToConnectToInternet())
-      return error;
+      co_return error;
     // The service refused the refresh token; a 5xx is its own trouble, not the token's.
     const int status = error.jovHttpStatus();
     if (error.userInfo().contains("http_status") && (status < 500 || status > 599) &&
         Jov::currentUser() == user)
       JovUser::logOut();
-    return mappedError(JovError::codeRefreshTokenFailed(), error);
+    co_return mappedError(JovError::codeRefreshTokenFailed(), error);
   }
 
   const nlohmann::json& answer = exchanged.value();
   auto access = jsonString(answer, "access_token");
   if (!access || access->empty())
-    return mappedError(JovError::codeRefreshTokenFailed(),
-                       JovError::errorWithCode(JovError::codeUnableToParseResponse()));
+    co_return mappedError(JovError::codeRefreshTokenFailed(), unreadableAnswer());
   TimePoint expiry = distantFuture();
   if (auto it = answer.find("expires_in");
       it != answer.end() && it->is_number() && it->get<double>() != 0)
@@ -73,26 +109,25 @@ std::optional<JovError> refreshNow(const JovUser::Ptr& user) {
 
   if (Jov::currentUser() == user) {
     auto stored = storeCurrentUserInfoSynchronous();
-    if (!stored) return mappedError(JovError::codeRefreshTokenFailed(), stored.error());
+    if (!stored) co_return mappedError(JovError::codeRefreshTokenFailed(), stored.error());
   }
-  return std::nullopt;
+  co_return std::nullopt;
 }
 
 class UserSessionHooks final : public SessionHooks {
  public:
-  std::optional<JovError> reloginIfPasswordChanged() override {
+  Task<std::optional<JovError>> reloginIfPasswordChanged() override {
     auto user = Jov::currentUser();
-    // Checked before locking: the login below sends requests that come back here.
-    if (!user || !user->passwordChanged()) return std::nullopt;
-    std::lock_guard lock(reloginMutex_);
-    if (!user->passwordChanged()) return std::nullopt;
-    UserAccess::setPasswordChanged(*user, false);
-    auto login = UserAccess::authenticate(*user);
-    if (!login) return mappedError(JovError::codeUnableToAuthenticateUser(), login.error());
-    return std::nullopt;
+    // Only one request logs in again: the one that clears the flag.
+    if (!user || !UserAccess::takePasswordChanged(*user)) co_return std::nullopt;
+    auto login = co_await UserAccess::authenticate(*user);
+    if (!login) co_return mappedError(JovError::codeUnableToAuthenticateUser(), login.error());
+    co_return std::nullopt;
   }
 
-  std::optional<JovError> refreshTokenIfNeeded() override { return refreshTokenIfNeed(); }
+  Task<std::optional<JovError>> refreshTokenIfNeeded() override {
+    return refreshTokenIfNeedRoutine();
+  }
 
   std::string accessToken() override {
     auto user = Jov::currentUser();
@@ -100,9 +135,6 @@ class UserSessionHooks final : public SessionHooks {
   }
 
   void logOut() override { JovUser::logOut(); }
-
- private:
-  std::mutex reloginMutex_;
 };
 
 }  // namespace
@@ -112,24 +144,30 @@ std::shared_ptr<SessionHooks> userSessionHooks() {
   return hooks;
 }
 
-std::optional<JovError> refreshTokenIfNeed() {
+Routine<nlohmann::json> refreshAccessTokenRoutine(std::string refreshToken) {
+  if (refreshToken.empty()) co_return JovError::errorWithCode(JovError::codeNonRefreshToken());
+  nlohmann::json body = {{"grant_type", "refresh_token"}, {"refresh_token", refreshToken}};
+  if (auto expiresAt = requestedTokenExpiry()) body["expiresAt"] = *expiresAt;
+  auto answer = co_await send(kRefreshToken, args().json(std::move(body)));
+  if (!answer) co_return answer.error();
+  if (!answer->json.is_object()) co_return unreadableAnswer();
+  co_return std::move(answer->json);
+}
+
+Task<std::optional<JovError>> refreshTokenIfNeedRoutine() {
   auto user = Jov::currentUser();
-  if (!user || !nearExpiry(*user)) return std::nullopt;
+  if (!user || !nearExpiry(*user)) co_return std::nullopt;
 
   RefreshFlight& f = flight();
   std::unique_lock lock(f.mutex);
   while (f.running) {
     // The running refresh replaces the token this request would send: wait for its outcome.
     const bool same = f.user.lock() == user && f.fromToken == user->accessToken();
-    const auto generation = f.generation;
-    ++f.waiters;
-    f.changed.notify_all();
-    f.changed.wait(lock, [&] { return f.generation != generation; });
-    --f.waiters;
-    if (same) return f.outcome;
+    co_await AwaitRefresh{lock, f.generation};
+    if (same) co_return f.outcome;
   }
   // No refresh runs while we hold the lock, so this check is not stale.
-  if (Jov::currentUser() != user || !nearExpiry(*user)) return std::nullopt;
+  if (Jov::currentUser() != user || !nearExpiry(*user)) co_return std::nullopt;
 
   f.running = true;
   f.user = user;
@@ -137,7 +175,7 @@ std::optional<JovError> refreshTokenIfNeed() {
   lock.unlock();
   std::optional<JovError> outcome;
   try {
-    outcome = refreshNow(user);
+    outcome = co_await refreshNow(user);
   } catch (const std::exception& e) {
     // Waiters must not wait for a refresh that never ends.
     outcome = JovError::errorWithCode(JovError::codeRefreshTokenFailed(), {{"details", e.what()}});
@@ -146,8 +184,12 @@ std::optional<JovError> refreshTokenIfNeed() {
   f.running = false;
   f.outcome = outcome;
   ++f.generation;
+  std::vector<std::coroutine_handle<>> waiting;
+  waiting.swap(f.suspended);
   f.changed.notify_all();
-  return outcome;
+  lock.unlock();
+  for (auto handle : waiting) resumeOnWorker(handle);
+  co_return outcome;
 }
 
 bool waitForRefreshWaiters(int count, std::chrono::milliseconds limit) {

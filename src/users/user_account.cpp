@@ -1,6 +1,8 @@
 // Account maintenance: refresh, save, password change, e-mail and phone changes, phone
 // verification, resending verifications and deletion.
 
+#include "core/exchange.hpp"
+#include "jov/detail/forms.hpp"
 #include "jov/user.hpp"
 #include "jov/validation.hpp"
 #include "users/user_internal.hpp"
@@ -21,19 +23,20 @@ JovError failureAs(int code, const JovError& error) {
 
 }  // namespace
 
-Result<void> JovUser::refreshRoutine() {
-  if (uuid_.empty()) return errorOf(JovError::codeInvalidObjects());
-  JovRequest request = detail::makeRequest("/users/" + uuid_, JovMethodGet);
-  JovResponse response = request.makeSynchronousRequest();
-  if (!response.ok()) return *response.error;
-  if (!response.json.is_object()) return errorOf(JovError::codeUnableToParseResponse());
+constexpr detail::Exchange kRefreshUser{JovMethodGet, "/users/{}"};
+
+detail::Routine<void> JovUser::refreshRoutine() {
+  JOV_CO_REQUIRE(!uuid_.empty(), JovError::codeInvalidObjects());
+  auto answer = co_await detail::send(kRefreshUser, detail::args(uuid_));
+  if (!answer) co_return answer.error();
+  if (!answer->json.is_object()) co_return detail::unreadableAnswer();
   // A whole record names every pending address; one it leaves out was verified or dropped.
-  nlohmann::json record = response.json;
+  nlohmann::json& record = answer->json;
   if (!record.contains("_emailAddressPending")) record["_emailAddressPending"] = "";
   if (!record.contains("_phoneNumberPending")) record["_phoneNumberPending"] = "";
   loadFromJSON(record);
   if (isLoggedInUser()) detail::storeCurrentUserInfoOrLog();
-  return {};
+  co_return {};
 }
 
 Result<void> JovUser::saveRoutine() {
@@ -64,7 +67,7 @@ Result<void> JovUser::updatePasswordRoutine(std::string fromPassword, std::strin
   // The old token belongs to the old password: log in again with the new one.
   password_ = newPassword;
   passwordChanged_ = true;
-  auto login = authenticateRoutine();
+  auto login = detail::runSync(authenticateRoutine());
   if (!login) return detail::mappedError(JovError::codeUnableToAuthenticateUser(), login.error());
   return {};
 }
@@ -163,7 +166,18 @@ Result<void> JovUser::deleteRoutine() {
     return detail::runFuture(detail::bind(self(), &JovUser::Routine, a));                     \
   }
 
-JOV_USER_FORMS0(refresh, refreshRoutine)
+Result<void> JovUser::refreshSynchronous() {
+  return detail::runSync(refreshRoutine());
+}
+void JovUser::refresh(UserBlock block, JovCancellation cancel) {
+  detail::runBlock(self(), refreshRoutine(), std::move(block), cancel);
+}
+void JovUser::refresh(JovCallback callback, JovCancellation cancel) {
+  detail::runCallback(self(), refreshRoutine(), std::move(callback), cancel);
+}
+std::future<Result<void>> JovUser::refreshAsync(JovCancellation cancel) {
+  return detail::runFuture(self(), refreshRoutine(), cancel);
+}
 JOV_USER_FORMS0(save, saveRoutine)
 JOV_USER_FORMS0(resendEmailVerification, resendEmailVerificationRoutine)
 JOV_USER_FORMS0(resendPhoneNumberVerification, resendPhoneNumberVerificationRoutine)

@@ -3,6 +3,7 @@
 
 #include <stdexcept>
 
+#include "core/exchange.hpp"
 #include "jov/encoding.hpp"
 #include "jov/user.hpp"
 #include "jov/user_builder.hpp"
@@ -43,7 +44,7 @@ JovUser::TimePoint expiryOf(const nlohmann::json& answer) {
 }
 
 Result<JovUser::Ptr> loginWith(const JovUser::Ptr& user) {
-  auto login = UserAccess::authenticate(*user);
+  auto login = detail::runSync(UserAccess::authenticate(*user));
   if (!login) return login.error();
   return user;
 }
@@ -182,7 +183,7 @@ Result<void> JovUser::registrationRoutine() {
   body.erase("password");
   body.update(response.json);
   loadFromJSON(body);
-  return authenticateRoutine();
+  return detail::runSync(authenticateRoutine());
 }
 
 Result<void> JovUser::performRegistrationSynchronous() {
@@ -214,10 +215,12 @@ std::future<Result<JovUser::Ptr>> JovUser::registerAsPseudoUserAsync(
 
 // ------------------------------------------------------------------ the login exchange
 
-Result<void> JovUser::authenticateRoutine() {
+constexpr detail::Exchange kLogin{JovMethodPost, "/oauth2/token", {.anonymous = true}};
+
+detail::Routine<void> JovUser::authenticateRoutine() {
   logOut();
   if (password_.empty() || (username_.empty() && phoneNumber_.empty() && email_.empty()))
-    return JovError::errorWithCode(JovError::codeInvalidUserObject());
+    co_return JovError::errorWithCode(JovError::codeInvalidUserObject());
 
   nlohmann::json body = nlohmann::json::object();
   body["password"] = password_;
@@ -225,28 +228,24 @@ Result<void> JovUser::authenticateRoutine() {
   body["username"] =
       loginIdentifier(username_, phoneNumber_, phoneVerified_, email_, emailVerified_, country_);
 
-  JovRequest request = detail::makeRequest("/oauth2/token", JovMethodPost);
-  request.anonymous = true;
-  request.postData = body;
-  JovResponse response = request.makeSynchronousRequest();
-  if (!response.ok()) return *response.error;
-  auto access = jsonString(response.json, "access_token");
-  if (!access || access->empty())
-    return JovError::errorWithCode(JovError::codeUnableToParseResponse());
+  auto answer = co_await detail::send(kLogin, detail::args().json(std::move(body)));
+  if (!answer) co_return answer.error();
+  const nlohmann::json& token = answer->json;
+  auto access = jsonString(token, "access_token");
+  if (!access || access->empty()) co_return detail::unreadableAnswer();
 
-  if (auto id = jsonString(response.json, "id")) uuid_ = *id;
-  setTokens(*access, jsonString(response.json, "refresh_token").value_or(""),
-            expiryOf(response.json));
+  if (auto id = jsonString(token, "id")) uuid_ = *id;
+  setTokens(*access, jsonString(token, "refresh_token").value_or(""), expiryOf(token));
   passwordChanged_ = false;
   detail::makeCurrent(self());
   // Fetching the record stores the credentials too; without it the login has not happened.
-  auto fetched = refreshRoutine();
+  auto fetched = co_await refreshRoutine();
   if (!fetched) {
     logOut();
-    return fetched.error();
+    co_return fetched.error();
   }
   password_.clear();
-  return {};
+  co_return {};
 }
 
 Result<JovUser::Ptr> JovUser::authenticateSynchronous(const std::string& identifier,
@@ -353,18 +352,5 @@ std::future<Result<JovUser::Ptr>> JovUser::authenticateWithTokenAsync(
 
 // ------------------------------------------------------------------ refresh-token exchange
 
-Result<nlohmann::json> detail::refreshAccessTokenSynchronous(const std::string& refreshToken) {
-  if (refreshToken.empty()) return JovError::errorWithCode(JovError::codeNonRefreshToken());
-  nlohmann::json body = {{"grant_type", "refresh_token"}, {"refresh_token", refreshToken}};
-  if (auto expiresAt = requestedTokenExpiry()) body["expiresAt"] = *expiresAt;
-  JovRequest request = makeRequest("/oauth2/token", JovMethodPost);
-  request.anonymous = true;
-  request.postData = body;
-  JovResponse response = request.makeSynchronousRequest();
-  if (!response.ok()) return *response.error;
-  if (!response.json.is_object())
-    return JovError::errorWithCode(JovError::codeUnableToParseResponse());
-  return response.json;
-}
 
 }  // namespace jov

@@ -54,7 +54,7 @@ Result<void> JovUser::putIdentityRoutine(JovIdentityData identityData, JovUserFi
   if (!passwordIsValid(password))
     return JovError::errorWithCode(JovError::codeInvalidPasswordFormat());
 
-  if (auto refreshed = refreshRoutine(); !refreshed) return refreshed.error();
+  if (auto refreshed = detail::runSync(refreshRoutine()); !refreshed) return refreshed.error();
   // Only a pseudo user can be given identifiers this way; others use updateWithIdentityData.
   if (!isPseudoUser()) return JovError::errorWithCode(JovError::codeInvalidUserObject());
 
@@ -77,7 +77,7 @@ Result<void> JovUser::updateIdentityRoutine(std::optional<JovIdentityData> ident
     return JovError::errorWithCode(JovError::codeNonLoggedInUserIsNotAllowed());
   if (auto invalid = checkIdentity(identityData, userFields, country_)) return *invalid;
 
-  if (auto refreshed = refreshRoutine(); !refreshed) return refreshed.error();
+  if (auto refreshed = detail::runSync(refreshRoutine()); !refreshed) return refreshed.error();
   if (isPseudoUser()) return JovError::errorWithCode(JovError::codePseudoUserIsNotAllowed());
 
   nlohmann::json body = identityBody(uploadAttributes(), identityData, userFields);

@@ -58,8 +58,10 @@ struct UserAccess {
     std::lock_guard lock(u.mutex_);
     u.refreshToken_ = std::move(refresh);
   }
-  static Result<void> authenticate(JovUser& u) { return u.authenticateRoutine(); }
-  static Result<void> refresh(JovUser& u) { return u.refreshRoutine(); }
+  static Routine<void> authenticate(JovUser& u) { return u.authenticateRoutine(); }
+  // Clears the flag; true when it was set (the caller then logs in again).
+  static bool takePasswordChanged(JovUser& u) { return u.passwordChanged_.exchange(false); }
+  static Result<void> refresh(JovUser& u) { return runSync(u.refreshRoutine()); }
   static bool isLoggedInUser(const JovUser& u) { return u.isLoggedInUser(); }
 };
 
@@ -104,9 +106,9 @@ void storeCurrentUserInfoOrLog();
 // Reads the stored user; a stale or foreign record (331) is deleted.
 Result<JovUser::Ptr> getStoredUserInfoSynchronous();
 // The refresh-token exchange: the response ("access_token", "refresh_token", "expires_in").
-Result<nlohmann::json> refreshAccessTokenSynchronous(const std::string& refreshToken);
+Routine<nlohmann::json> refreshAccessTokenRoutine(std::string refreshToken);
 // The refresh rule, run before every authenticated request.
-std::optional<JovError> refreshTokenIfNeed();
+Task<std::optional<JovError>> refreshTokenIfNeedRoutine();
 // Waits until this many threads wait for a refresh in flight (tests only).
 bool waitForRefreshWaiters(int count, std::chrono::milliseconds limit);
 

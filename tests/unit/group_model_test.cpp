@@ -85,10 +85,12 @@ TEST(GroupModelTest, LoadFromJSONSkipsWhatItCannotRead) {
   EXPECT_EQ(group->groupID(), "g9");
   EXPECT_EQ(group->name(), "new");
   EXPECT_EQ(group->owner()->userID(), "u7");
-  // "groupID" wins over "uuid"; wrong types and nulls leave the fields as they were.
-  EXPECT_TRUE(
-      group->loadFromJSON({{"groupID", "g2"}, {"uuid", "g3"}, {"name", 5}, {"owner", nullptr}}));
-  EXPECT_TRUE(group->loadFromJSON({{"groupID", json::array()}, {"name", json::object()}}));
+  // "groupID" wins over "uuid"; nulls leave the fields as they were.
+  EXPECT_TRUE(group->loadFromJSON({{"groupID", "g2"}, {"uuid", "g3"}, {"owner", nullptr}}));
+  EXPECT_EQ(group->groupID(), "g2");
+  // A key of the wrong type refuses the whole record: nothing of it is applied.
+  EXPECT_FALSE(group->loadFromJSON({{"groupID", "g4"}, {"name", 5}}));
+  EXPECT_FALSE(group->loadFromJSON({{"groupID", json::array()}, {"name", "other"}}));
   EXPECT_EQ(group->groupID(), "g2");
   EXPECT_EQ(group->name(), "new");
   EXPECT_EQ(group->owner()->userID(), "u7");

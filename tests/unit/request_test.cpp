@@ -62,13 +62,13 @@ class FakeSession : public detail::SessionHooks {
   std::string token = "tok";
   std::optional<JovError> reloginError, refreshError;
   int relogins = 0, refreshes = 0, logOuts = 0;
-  std::optional<JovError> reloginIfPasswordChanged() override {
+  detail::Task<std::optional<JovError>> reloginIfPasswordChanged() override {
     ++relogins;
-    return reloginError;
+    co_return reloginError;
   }
-  std::optional<JovError> refreshTokenIfNeeded() override {
+  detail::Task<std::optional<JovError>> refreshTokenIfNeeded() override {
     ++refreshes;
-    return refreshError;
+    co_return refreshError;
   }
   std::string accessToken() override { return token; }
   void logOut() override { ++logOuts; }

@@ -167,7 +167,7 @@ TEST_F(UserAuthTest, LoginChoosesTheIdentifier) {
     auto user = JovUser::userWithID("");
     user->loadFromJSON(json::parse(record));
     detail::UserAccess::password(*user) = "pass1234";
-    ASSERT_TRUE(detail::UserAccess::authenticate(*user).ok()) << record;
+    ASSERT_TRUE(detail::runSync(detail::UserAccess::authenticate(*user)).ok()) << record;
     EXPECT_EQ(fake.requests()[0].json()["username"], expected) << record;
   }
 

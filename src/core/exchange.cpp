@@ -1,0 +1,64 @@
+#include "core/exchange.hpp"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
+#include "jov/encoding.hpp"
+
+namespace jov::detail {
+
+JovError applyErrorRules(const JovError& error, ErrorRules rules) {
+  if (error.code() != 0 || error.domain() != JovError::kDomain) return error;
+  std::string serverCode = error.jovErrorSummary().value_or("");
+  std::transform(serverCode.begin(), serverCode.end(), serverCode.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+  const std::string message = error.jovErrorMessage().value_or("");
+  const int status = error.jovHttpStatus();
+  for (const ErrorRule& rule : rules) {
+    if (rule.status != 0 && rule.status != status) continue;
+    if (rule.serverCode != nullptr && serverCode != rule.serverCode) continue;
+    if (rule.message != nullptr && message != rule.message) continue;
+    return JovError::errorWithCode(rule.code, error.userInfo());
+  }
+  return error;
+}
+
+std::string formPath(const char* pathTemplate, const std::vector<std::string>& args) {
+  std::string path;
+  path.reserve(std::strlen(pathTemplate) + 32);
+  std::size_t next = 0;
+  for (const char* p = pathTemplate; *p != '\0'; ++p) {
+    if (p[0] == '{' && p[1] == '}') {
+      if (next < args.size()) path += urlEncode(args[next++]);
+      ++p;
+    } else {
+      path += *p;
+    }
+  }
+  return path;
+}
+
+JovError unreadableAnswer() {
+  return JovError::errorWithCode(JovError::codeUnableToParseResponse());
+}
+
+Routine<JovResponse> send(const Exchange& exchange, SendArgs args) {
+  std::string path = formPath(exchange.path, args.path);
+  if (args.query_) path += "?" + *args.query_;
+  JovRequest request(path);
+  request.requestMethod = exchange.method;
+  request.anonymous = exchange.spec.anonymous;
+  if (exchange.spec.contentType) request.content = exchange.spec.contentType;
+  if (exchange.spec.accept) request.accept = exchange.spec.accept;
+  // No body unless the exchange has one: a GET with the default empty object would send "{}".
+  request.postData = std::move(args.json_);
+  request.plainText = std::move(args.text_);
+  request.customHeaders = std::move(args.headers_);
+  request.keepAllResponseHeaders = args.keepAllHeaders_;
+  JovResponse response = co_await execute(request, std::move(args.etag_));
+  if (response.error) co_return applyErrorRules(*response.error, exchange.spec.errors);
+  co_return response;
+}
+
+}  // namespace jov::detail

@@ -1,0 +1,151 @@
+#pragma once
+// Exchanges as data, and the one `send` every routine awaits.
+//
+// An exchange is a constant: method, path template, media types, whether it goes out without
+// the user's token, and the table that turns the service's refusals into the library's codes.
+// A routine awaits send(kExchange, args(...)) and gets the answer, or the mapped error:
+//
+//   constexpr ErrorRule kGroupErrors[] = {onCode("GROUP_NOT_FOUND", codeObjectNotFound)};
+//   constexpr Exchange kRefresh{JovMethodGet, "/groups/{}", {.errors = kGroupErrors}};
+//   Routine<void> JovGroup::refreshRoutine() {
+//     JOV_CO_REQUIRE(!uuid_.empty(), JovError::codeInvalidObjects());
+//     auto answer = co_await send(kRefresh, args(uuid_));
+//     ...
+//   }
+
+#include <initializer_list>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "jov/detail/task.hpp"
+#include "jov/error.hpp"
+#include "jov/request.hpp"
+#include "jov/result.hpp"
+
+namespace jov::detail {
+
+/// One row of an error table: an HTTP status (0: any), an upper-cased "errorCode" or a message
+/// text (nullptr: any), and the code a matching error becomes.
+struct ErrorRule {
+  int status = 0;
+  const char* serverCode = nullptr;
+  const char* message = nullptr;
+  int code = 0;
+};
+constexpr ErrorRule onStatus(int status, int code) {
+  return {status, nullptr, nullptr, code};
+}
+constexpr ErrorRule onCode(const char* serverCode, int code) {
+  return {0, serverCode, nullptr, code};
+}
+constexpr ErrorRule onStatusAndCode(int status, const char* serverCode, int code) {
+  return {status, serverCode, nullptr, code};
+}
+constexpr ErrorRule onMessage(const char* message, int code) {
+  return {0, nullptr, message, code};
+}
+constexpr ErrorRule onAny(int code) {
+  return {0, nullptr, nullptr, code};
+}
+using ErrorRules = std::span<const ErrorRule>;
+
+/// The error as the rules map it: an error that already carries a positive code (or another
+/// domain) passes unchanged; otherwise the first matching row gives the code, and the mapped
+/// error keeps the user info; no match leaves the error as it is.
+JovError applyErrorRules(const JovError& error, ErrorRules rules);
+
+/// What a body of an exchange is.
+enum class Body { None, Json, Text };
+
+/// The constant part of an exchange.
+struct ExchangeSpec {
+  const char* contentType = nullptr;  ///< "Content-type"; "application/json" when unset
+  const char* accept = nullptr;       ///< "accept", when set
+  bool anonymous = false;             ///< no "Authorization" of the current user
+  ErrorRules errors = {};
+};
+struct Exchange {
+  JovRequestMethod method;
+  /// The path under the application; each "{}" takes the next argument, percent-encoded.
+  const char* path;
+  ExchangeSpec spec = {};
+};
+
+/// The variable part of one exchange, built fluently:
+///
+///   co_await send(kRename, args(groupID).text(name));
+///
+/// (Not an aggregate on purpose: GCC 12 copies a braced aggregate temporary in a co_await
+/// expression bit by bit, which breaks every std::string inside it. Build JSON bodies in a
+/// statement of their own for the same reason.)
+class SendArgs {
+ public:
+  SendArgs() = default;
+  SendArgs&& json(nlohmann::json body) && {
+    json_ = std::move(body);
+    return std::move(*this);
+  }
+  SendArgs&& text(std::string body) && {
+    text_ = std::move(body);
+    return std::move(*this);
+  }
+  /// Sent as "If-Match" when not empty.
+  SendArgs&& etag(std::string tag) && {
+    etag_ = std::move(tag);
+    return std::move(*this);
+  }
+  SendArgs&& header(std::string field, std::string value) && {
+    headers_.emplace_back(std::move(field), std::move(value));
+    return std::move(*this);
+  }
+  /// Appended after "?" as given (already encoded).
+  SendArgs&& query(std::string query) && {
+    query_ = std::move(query);
+    return std::move(*this);
+  }
+  SendArgs&& keepAllHeaders() && {
+    keepAllHeaders_ = true;
+    return std::move(*this);
+  }
+
+  std::vector<std::string> path;  ///< fills the path's "{}" in order
+  std::optional<nlohmann::json> json_;
+  std::optional<std::string> text_;
+  std::string etag_;
+  JovHeaders headers_;
+  std::optional<std::string> query_;
+  bool keepAllHeaders_ = false;
+};
+
+/// The arguments of an exchange, starting with the values of its path's "{}".
+template <class... A>
+SendArgs args(A&&... pathValues) {
+  SendArgs a;
+  a.path.reserve(sizeof...(A));
+  (a.path.emplace_back(std::forward<A>(pathValues)), ...);
+  return a;
+}
+
+/// The path of an exchange with its arguments filled in.
+std::string formPath(const char* pathTemplate, const std::vector<std::string>& args);
+
+/// Builds the request of an exchange, executes it and applies its error rules.
+Routine<JovResponse> send(const Exchange& exchange, SendArgs args);
+
+/// Executes a request: the library's checks, the session's token, the transport, the answer.
+Task<JovResponse> execute(JovRequest& request, std::string etag);
+
+/// 202 for an answer whose body cannot be read as the record the exchange expects.
+JovError unreadableAnswer();
+
+}  // namespace jov::detail
+
+/// Returns `code` as the routine's error when the condition does not hold (a precondition).
+#define JOV_CO_REQUIRE(condition, code)                               \
+  do {                                                                \
+    if (!(condition)) co_return ::jov::JovError::errorWithCode(code); \
+  } while (0)
