@@ -87,6 +87,7 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
   bool removeUser(const std::shared_ptr<JovUser>& user);
 
   /// @name save
+  /// @{
   /// Creates the group on the service when it has no ID yet (POST "/groups", owned by the
   /// preset owner or the current user), then sends each pending member change by its own
   /// request (PUT or DELETE "/groups/ID/members/USERID"). A change that fails stays pending for
@@ -96,7 +97,6 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
   /// service's "http_status", "server_code", "server_message").
   /// The block and delegate receive the group, then the error; the future its result.
   /// Every asynchronous form takes an optional JovCancellation.
-  /// @{
   Result<void> saveSynchronous() { return detail::runSync(saveRoutine()); }
   void save(GroupBlock block, JovCancellation cancel = {}) {
     detail::runBlock(self(), saveRoutine(), std::move(block), cancel);
@@ -110,11 +110,11 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
   /// @}
 
   /// @name refresh
+  /// @{
   /// Reads the group's record (GET "/groups/ID"): name and owner.
   /// Errors: 501 when the group has no ID; 510 when the service does not know it
   /// ("GROUP_NOT_FOUND"); 202 when the record cannot be read (the group is then left unchanged);
   /// and the errors of every exchange. The block and delegate receive the group, then the error.
-  /// @{
   Result<void> refreshSynchronous() { return detail::runSync(refreshRoutine()); }
   void refresh(GroupBlock block, JovCancellation cancel = {}) {
     detail::runBlock(self(), refreshRoutine(), std::move(block), cancel);
@@ -128,11 +128,11 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
   /// @}
 
   /// @name changeGroupName
+  /// @{
   /// Renames the group on the service (PUT "/groups/ID/name", text/plain; owner only), then
   /// here. @param name the new name, 1 to 190 characters.
   /// Errors: 513 invalid name and 501 no ID (before any request); 510 group not found; and the
   /// errors of every exchange. The block and delegate receive the group, then the error.
-  /// @{
   Result<void> changeGroupNameSynchronous(const std::string& name) {
     return detail::runSync(changeGroupNameRoutine(name));
   }
@@ -149,10 +149,10 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
   /// @}
 
   /// @name getMemberList
+  /// @{
   /// Lists the members on the service (GET "/groups/ID/members"); they become members().
   /// Errors: 501 no ID; 510 group not found; 202 unreadable answer; and the errors of every
   /// exchange. The block and delegate receive the members, then the error.
-  /// @{
   Result<Users> getMemberListSynchronous() { return detail::runSync(getMemberListRoutine()); }
   void getMemberList(JovBlock<Users> block, JovCancellation cancel = {}) {
     detail::runBlock(self(), getMemberListRoutine(), std::move(block), cancel);
@@ -166,9 +166,9 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
   /// @}
 
   /// @name getOwner
+  /// @{
   /// The owner, read by a refresh. Errors: those of refresh, and 202 when the record names no
   /// owner. The block and delegate receive the owner, then the error.
-  /// @{
   Result<std::shared_ptr<JovUser>> getOwnerSynchronous() {
     return detail::runSync(getOwnerRoutine());
   }
@@ -184,10 +184,10 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
   /// @}
 
   /// @name delete
+  /// @{
   /// Deletes the group on the service (DELETE "/groups/ID"; owner only); the local object keeps
   /// its data. Errors: 501 no ID; 510 group not found; and the errors of every exchange. The
   /// block and delegate receive the group, then the error.
-  /// @{
   Result<void> deleteSynchronous() { return detail::runSync(deleteRoutine()); }
   void deleteWithBlock(GroupBlock block, JovCancellation cancel = {}) {
     detail::runBlock(self(), deleteRoutine(), std::move(block), cancel);
@@ -201,6 +201,7 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
   /// @}
 
   /// @name registerGroupWithID
+  /// @{
   /// Creates a group with an ID of the caller's choosing, owned by the current user
   /// (PUT "/groups/ID" with the name, the owner and the members' IDs).
   /// @param groupID 1 to 30 of lower-case letters, digits, ".", "_", "-"
@@ -210,7 +211,6 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
   /// 327 nobody logged in; then 526 when the ID is taken ("GROUP_ALREADY_EXISTS"), 203 for
   /// "WRONG_TOKEN", 202 unreadable answer, and the errors of every exchange. The block form
   /// raises std::invalid_argument "completion can not be nil" without a block.
-  /// @{
   static Result<std::shared_ptr<JovGroup>> registerGroupSynchronousWithID(
       const std::string& groupID, const std::string& name, const Users& members) {
     return detail::runSync(registerGroupRoutine(groupID, name, members));

@@ -22,7 +22,7 @@ std::optional<std::string> jovHeaderValue(const JovHeaders& headers, const std::
 /// @brief One HTTP exchange: filled by JovRequest, sent by a transport.
 ///
 /// Subclasses implement sendRequest(); the setters only record what to send.
-class JovURLRequest {
+class JovURLRequest : public std::enable_shared_from_this<JovURLRequest> {
  public:
   /// @brief Progress of the request body: total bytes sent so far.
   using SentHandler = std::function<void(std::int64_t sent)>;

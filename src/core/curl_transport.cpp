@@ -95,9 +95,7 @@ class HandlePool {
   std::vector<HandleContext*> idle_;
 };
 
-class CurlRequest final : public JovURLRequest,
-                          public detail::LoopTransfer,
-                          public std::enable_shared_from_this<CurlRequest> {
+class CurlRequest final : public JovURLRequest, public detail::LoopTransfer {
  public:
   CurlRequest(HandlePool& syncPool, HandlePool& asyncPool, std::string url)
       : JovURLRequest(std::move(url)), syncPool_(syncPool), asyncPool_(asyncPool) {}
@@ -112,13 +110,15 @@ class CurlRequest final : public JovURLRequest,
       return;
     }
     done_ = std::move(done);
-    self_ = shared_from_this();  // the loop holds the request until it is done
+    // The loop holds the request until it is done.
+    self_ = std::static_pointer_cast<CurlRequest>(shared_from_this());
     detail::IoLoop::instance().add(this);
   }
 
   void cancelRequest() override {
     // Sent to the loop, which ignores a transfer that already finished.
-    if (auto self = weak_from_this().lock()) detail::IoLoop::instance().cancel(std::move(self));
+    if (auto self = weak_from_this().lock())
+      detail::IoLoop::instance().cancel(std::static_pointer_cast<CurlRequest>(self));
   }
 
   CURL* easyHandle() override { return context_->easy; }

@@ -32,6 +32,10 @@ class IoLoop::Impl {
     // Exchanges to one host share its connections; over HTTP/2 they share one.
     curl_multi_setopt(multi_, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
     curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 256L);
+    // Thousands of operations submitted at once queue for at most this many connections per
+    // host instead of opening one each (a server refuses a flood from one client, and a browser
+    // would open six).
+    curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, 64L);
     thread_ = std::thread([this] { loop(); });
     std::atexit([] { stopAtExit(); });
   }

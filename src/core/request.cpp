@@ -92,11 +92,47 @@ void addApplicationHeaders(const JovRequest& r, JovURLRequest& t, const std::str
   for (const auto& [field, value] : r.customHeaders) t.addValue(value, field);
 }
 
+// Answers nested deeper than this are not parsed: a value that deep is no record of the service,
+// and copying or printing it recursively would exhaust the stack.
+constexpr int kMaxJsonDepth = 256;
+
+bool nestedDeeperThan(const std::string& text, int limit) {
+  int depth = 0;
+  bool inString = false, escaped = false;
+  for (char c : text) {
+    if (inString) {
+      if (escaped) {
+        escaped = false;
+      } else if (c == '\\') {
+        escaped = true;
+      } else if (c == '"') {
+        inString = false;
+      }
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '{' || c == '[') {
+      if (++depth > limit) return true;
+    } else if (c == '}' || c == ']') {
+      --depth;
+    }
+  }
+  return false;
+}
+
+// The body as JSON; discarded when it is not JSON or nested too deep.
+nlohmann::json parseAnswer(const std::string& body) {
+  if (nestedDeeperThan(body, kMaxJsonDepth)) {
+    JOV_LOG(kTraceLevel, "The response body is nested too deep to be read");
+    return nlohmann::json(nlohmann::json::value_t::discarded);
+  }
+  return nlohmann::json::parse(body, nullptr, false);
+}
+
 // A 2xx answer: its JSON, ETag and, for a chunk download, its bytes.
 void readSuccess(JovRequest& r, JovURLRequest& t, JovResponse& response) {
   std::string& body = t.responseData();
   if (!body.empty()) {
-    response.json = nlohmann::json::parse(body, nullptr, false);
+    response.json = parseAnswer(body);
     if (response.json.is_discarded()) {
       JOV_LOG(kTraceLevel, "Unable to parse the response body as JSON");
       response.json = nullptr;
@@ -115,7 +151,7 @@ void readFailure(JovURLRequest& t, JovResponse& response, std::string& serverCod
   std::string serverMessage = "Unable to parse server response";
   int code = 0;
   if (!body.empty()) {
-    auto parsed = nlohmann::json::parse(body, nullptr, false);
+    auto parsed = parseAnswer(body);
     if (!parsed.is_discarded()) {
       serverMessage.clear();
       if (parsed.is_object()) {

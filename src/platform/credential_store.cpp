@@ -3,7 +3,9 @@
 
 #include "jov/credential_store.hpp"
 
+#include <map>
 #include <mutex>
+#include <optional>
 
 #include "jov/application.hpp"
 #include "jov/encoding.hpp"
@@ -65,6 +67,41 @@ Result<std::string> recordOf(const JovUser& user) {
   return *text;
 }
 
+// The record last written per service, and the store it went to: a record that did not change is
+// not written again (every token refresh and user refresh would otherwise cost two fsyncs and a
+// rename, or a round trip to the keyring).
+struct Written {
+  std::mutex mutex;
+  std::map<std::string, std::string> records;
+  std::weak_ptr<JovCredentialStore> store;
+};
+Written& written() {
+  static auto* w = new Written();
+  return *w;
+}
+bool alreadyWritten(const std::shared_ptr<JovCredentialStore>& store, const std::string& service,
+                    const std::string& record) {
+  Written& w = written();
+  std::lock_guard lock(w.mutex);
+  if (w.store.lock() != store) return false;
+  auto it = w.records.find(service);
+  return it != w.records.end() && it->second == record;
+}
+void remember(const std::shared_ptr<JovCredentialStore>& store, const std::string& service,
+              std::optional<std::string> record) {
+  Written& w = written();
+  std::lock_guard lock(w.mutex);
+  if (w.store.lock() != store) {
+    w.records.clear();
+    w.store = store;
+  }
+  if (record) {
+    w.records[service] = std::move(*record);
+  } else {
+    w.records.erase(service);
+  }
+}
+
 }  // namespace
 
 void JovKeyChainWrapper::setStore(std::shared_ptr<JovCredentialStore> store) {
@@ -103,17 +140,23 @@ void JovKeyChainWrapper::useMemoryStore() {
 Result<void> JovKeyChainWrapper::createJovUser(const JovUser& user, const std::string& service) {
   auto record = recordOf(user);
   if (!record) return record.error();
-  auto outcome = store()->add(service, record.value());
+  auto target = store();
+  if (alreadyWritten(target, service, record.value())) return {};
+  auto outcome = target->add(service, record.value());
   if (outcome.status == JovCredentialStoreStatus::Duplicate) return updateJovUser(user, service);
   if (!outcome.ok()) return writeError(outcome);
+  remember(target, service, record.value());
   return {};
 }
 
 Result<void> JovKeyChainWrapper::updateJovUser(const JovUser& user, const std::string& service) {
   auto record = recordOf(user);
   if (!record) return record.error();
-  auto outcome = store()->update(service, record.value());
+  auto target = store();
+  if (alreadyWritten(target, service, record.value())) return {};
+  auto outcome = target->update(service, record.value());
   if (!outcome.ok()) return writeError(outcome);
+  remember(target, service, record.value());
   return {};
 }
 
@@ -148,14 +191,22 @@ Result<std::shared_ptr<JovUser>> JovKeyChainWrapper::jovUserFromMatchingService(
 }
 
 Result<void> JovKeyChainWrapper::deleteFromKeychainWithService(const std::string& service) {
-  auto outcome = store()->remove(service);
+  auto target = store();
+  remember(target, service, std::nullopt);
+  auto outcome = target->remove(service);
   if (!outcome.ok())
     return storeError(outcome, true, {{"code", outcome.code}, {"details", kDeleteMessage}});
   return {};
 }
 
 Result<void> JovKeyChainWrapper::deleteAllKeychainItems() {
-  auto outcome = store()->removeAll();
+  auto target = store();
+  {
+    Written& w = written();
+    std::lock_guard lock(w.mutex);
+    w.records.clear();
+  }
+  auto outcome = target->removeAll();
   if (outcome.ok() || outcome.status == JovCredentialStoreStatus::NotFound) return {};
   return storeError(outcome, false, {{"code", outcome.code}, {"details", kDeleteMessage}});
 }

@@ -261,6 +261,61 @@ inline std::string thrownMessage(const std::function<void()>& call) {
   return "no exception";
 }
 
+/// An operation run blocking; its error, or nothing on success.
+using Operation = std::function<std::optional<jov::JovError>()>;
+
+/// One exchange as the service expects it: the operation, the answer it gets, and the request it
+/// must have sent ("METHOD /path?query" under the application, media types, body: JSON compared
+/// as JSON when it starts with "{" or "[", else as text).
+struct RequestRow {
+  Operation op;
+  Answer answer;
+  std::string request, contentType, accept, body;
+};
+
+/// Runs each row alone against the fake and checks the one request it sent.
+inline void checkRequests(FakeTransport& fake, const std::vector<RequestRow>& rows) {
+  for (const RequestRow& row : rows) {
+    SCOPED_TRACE(row.request);
+    fake.reset();
+    fake.push(row.answer);
+    auto error = row.op();
+    ASSERT_FALSE(error.has_value()) << error->describe();
+    ASSERT_EQ(fake.count(), 1u);
+    const auto sent = fake.last();
+    EXPECT_EQ(sent.method + " " + sent.path(), row.request);
+    EXPECT_EQ(sent.header("Content-type"), row.contentType);
+    EXPECT_EQ(sent.header("accept").value_or(""), row.accept);
+    if (row.body.starts_with("{") || row.body.starts_with("["))
+      EXPECT_EQ(sent.json(), nlohmann::json::parse(row.body));
+    else
+      EXPECT_EQ(sent.body, row.body);
+  }
+}
+
+/// One answer of the service and the error code an operation must turn it into.
+struct AnswerRow {
+  Operation op;
+  Answer answer;
+  int code;
+};
+
+/// Runs each row alone against the fake: the operation fails with the row's code, and an answer
+/// with a status keeps it as "http_status".
+inline void checkAnswers(FakeTransport& fake, const std::vector<AnswerRow>& rows) {
+  for (const AnswerRow& row : rows) {
+    SCOPED_TRACE(std::to_string(row.answer.status) + " " + row.answer.body);
+    fake.reset();
+    fake.push(row.answer);
+    auto error = row.op();
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->code(), row.code);
+    if (row.answer.status >= 400) {
+      EXPECT_EQ(error->jovHttpStatus(), row.answer.status);
+    }
+  }
+}
+
 /// Sets (or, for nullptr, unsets) environment variables until it goes.
 struct ScopedEnv {
   ScopedEnv(std::initializer_list<std::pair<const char*, const char*>> vars) {

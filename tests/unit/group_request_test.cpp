@@ -11,7 +11,7 @@ namespace {
 using jovtest::Answer;
 using nlohmann::json;
 using namespace std::chrono_literals;
-using Op = std::function<std::optional<JovError>()>;
+using Op = jovtest::Operation;
 
 template <class R>
 std::optional<JovError> err(const R& r) {
@@ -57,85 +57,59 @@ TEST_F(GroupRequestTest, EachExchangeSendsItsRequest) {
   const std::string plain = "application/json", text = "text/plain";
   const std::string groups = "application/vnd.jov.GroupsRetrievalResponse+json";
   const auto done = Answer::text(204, "");
-  struct Row {
-    Op op;
-    Answer answer;
-    std::string request, contentType, accept, body;
-  } rows[] = {
-      {kCreate, Answer::json(201, {{"groupID", "g1"}}), "POST /groups", creation, "",
-       R"({"name": "team", "owner": "me"})"},
-      {kAdd, done, "PUT /groups/g1/members/u1", plain, "", ""},
-      {kRemove, done, "DELETE /groups/g1/members/u1", plain, "", ""},
-      {kRefresh, Answer::json(200, {{"groupID", "g1"}}), "GET /groups/g1", plain, "", ""},
-      {kRename, done, "PUT /groups/g1/name", text, "", "n 2"},
-      {kMembers, Answer::json(200, {{"members", json::array()}}), "GET /groups/g1/members", plain,
-       "application/vnd.jov.MembersRetrievalResponse+json", ""},
-      {kDelete, done, "DELETE /groups/g1", plain, "", ""},
-      {kRegister, Answer::json(201, {{"groupID", "club"}}), "PUT /groups/club", creation,
-       "application/vnd.jov.GroupCreationResponse+json",
-       R"({"name": "n", "owner": "me", "members": ["u1"]})"},
-      {kMemberOf, Answer::json(200, {{"groups", json::array()}}), "GET /groups/?is_member=u%201",
-       plain, groups, ""},
-      {kOwnerOf, Answer::json(200, {{"groups", json::array()}}), "GET /groups/?owner=u1", plain,
-       groups, ""},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.request);
-    fake.reset();
-    fake.push(row.answer);
-    ASSERT_FALSE(row.op().has_value());
-    ASSERT_EQ(fake.count(), 1u);
-    const auto sent = fake.last();
-    EXPECT_EQ(sent.method + " " + sent.path(), row.request);
-    EXPECT_EQ(sent.url.rfind(std::string(jovtest::TestApp::kBaseURL) + "/apps/app1/groups", 0), 0u);
-    EXPECT_EQ(sent.header("Content-type"), row.contentType);
-    EXPECT_EQ(sent.header("accept").value_or(""), row.accept);
-    if (row.body.starts_with("{"))
-      EXPECT_EQ(sent.json(), json::parse(row.body));
-    else
-      EXPECT_EQ(sent.body, row.body);
-  }
+  jovtest::checkRequests(
+      fake,
+      {
+          {kCreate, Answer::json(201, {{"groupID", "g1"}}), "POST /groups", creation, "",
+           R"({"name": "team", "owner": "me"})"},
+          {kAdd, done, "PUT /groups/g1/members/u1", plain, "", ""},
+          {kRemove, done, "DELETE /groups/g1/members/u1", plain, "", ""},
+          {kRefresh, Answer::json(200, {{"groupID", "g1"}}), "GET /groups/g1", plain, "", ""},
+          {kRename, done, "PUT /groups/g1/name", text, "", "n 2"},
+          {kMembers, Answer::json(200, {{"members", json::array()}}), "GET /groups/g1/members",
+           plain, "application/vnd.jov.MembersRetrievalResponse+json", ""},
+          {kDelete, done, "DELETE /groups/g1", plain, "", ""},
+          {kRegister, Answer::json(201, {{"groupID", "club"}}), "PUT /groups/club", creation,
+           "application/vnd.jov.GroupCreationResponse+json",
+           R"({"name": "n", "owner": "me", "members": ["u1"]})"},
+          {kMemberOf, Answer::json(200, {{"groups", json::array()}}),
+           "GET /groups/?is_member=u%201", plain, groups, ""},
+          {kOwnerOf, Answer::json(200, {{"groups", json::array()}}), "GET /groups/?owner=u1", plain,
+           groups, ""},
+      });
 }
 
 TEST_F(GroupRequestTest, AnswersMapToCodesAndMalformedOnesTo202) {
   const int unreadable = JovError::codeUnableToParseResponse();
-  struct Row {
-    Op op;
-    Answer answer;
-    int code;
-  } rows[] = {
-      {kDelete, Answer::serviceError(404, "GROUP_NOT_FOUND"), JovError::codeObjectNotFound()},
-      {kAdd, Answer::serviceError(404, "GROUP_NOT_FOUND"), JovError::codeObjectNotFound()},
-      {kRemove, Answer::serviceError(404, "group_not_found"), JovError::codeObjectNotFound()},
-      {kAdd, Answer::serviceError(404, "USER_NOT_FOUND"), JovError::codeUserNotFound()},
-      {kRegister, Answer::serviceError(409, "GROUP_ALREADY_EXISTS"),
-       JovError::codeGroupAlreadyExists()},
-      {kRename, Answer::serviceError(403, "FORBIDDEN"), 0},  // the owner's alone: left as is
-      {kRefresh, Answer::error(), JovError::codeUnableToConnectToInternet()},
-      {kCreate, Answer::json(201, {{"name", "team"}}), unreadable},
-      {kCreate, Answer::json(201, {{"groupID", 5}}), unreadable},
-      {kCreate, Answer::text(201, "not json"), unreadable},
-      {kRegister, Answer::json(201, {{"groupID", nullptr}}), unreadable},
-      {kRefresh, Answer::json(200, json::array()), unreadable},
-      {kOwner, Answer::json(200, {{"groupID", "g1"}}), unreadable},
-      {kMembers, Answer::json(200, {{"members", "a"}}), unreadable},
-      {kMembers, Answer::json(200, {{"members", {{{"userID", 7}}}}}), unreadable},
-      {kMembers, Answer::json(200, {{"members", {nullptr}}}), unreadable},
-      {kMemberOf, Answer::json(200, json::object()), unreadable},
-      {kOwnerOf, Answer::json(200, {{"groups", {{{"name", "no ID"}}}}}), unreadable},
-      {kRegister, Answer::serviceError(403, "WRONG_TOKEN"), JovError::codeUnauthorizedRequest()},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.answer.body);
-    fake.reset();
-    fake.push(row.answer);
-    auto error = row.op();
-    ASSERT_TRUE(error.has_value());
-    EXPECT_EQ(error->code(), row.code);
-    if (row.answer.status >= 400) {
-      EXPECT_EQ(error->jovHttpStatus(), row.answer.status);
-    }
-  }
+  jovtest::checkAnswers(
+      fake,
+      {
+          {kDelete, Answer::serviceError(404, "GROUP_NOT_FOUND"), JovError::codeObjectNotFound()},
+          {kAdd, Answer::serviceError(404, "GROUP_NOT_FOUND"), JovError::codeObjectNotFound()},
+          {kRemove, Answer::serviceError(404, "group_not_found"), JovError::codeObjectNotFound()},
+          {kAdd, Answer::serviceError(404, "USER_NOT_FOUND"), JovError::codeUserNotFound()},
+          {kRegister, Answer::serviceError(409, "GROUP_ALREADY_EXISTS"),
+           JovError::codeGroupAlreadyExists()},
+          {kRename, Answer::serviceError(403, "FORBIDDEN"), 0},  // the owner's alone: left as is
+          {kRefresh, Answer::error(), JovError::codeUnableToConnectToInternet()},
+          {kCreate, Answer::json(201, {{"name", "team"}}), unreadable},
+          {kCreate, Answer::json(201, {{"groupID", 5}}), unreadable},
+          {kCreate, Answer::text(201, "not json"), unreadable},
+          {kRegister, Answer::json(201, {{"groupID", nullptr}}), unreadable},
+          {kRefresh, Answer::json(200, json::array()), unreadable},
+      // Nested far deeper than any record: refused unread, never a stack overflow.
+      {kRefresh, Answer::text(200, std::string(100000, '[') + std::string(100000, ']')),
+       unreadable},
+      {kRefresh, Answer::text(404, std::string(100000, '{') + "}"), 0},
+          {kOwner, Answer::json(200, {{"groupID", "g1"}}), unreadable},
+          {kMembers, Answer::json(200, {{"members", "a"}}), unreadable},
+          {kMembers, Answer::json(200, {{"members", {{{"userID", 7}}}}}), unreadable},
+          {kMembers, Answer::json(200, {{"members", {nullptr}}}), unreadable},
+          {kMemberOf, Answer::json(200, json::object()), unreadable},
+          {kOwnerOf, Answer::json(200, {{"groups", {{{"name", "no ID"}}}}}), unreadable},
+          {kRegister, Answer::serviceError(403, "WRONG_TOKEN"),
+           JovError::codeUnauthorizedRequest()},
+      });
   EXPECT_EQ(Jov::currentUser(), nullptr) << "WRONG_TOKEN ends the login";
 }
 
