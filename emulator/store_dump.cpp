@@ -9,11 +9,17 @@
 #include <stdexcept>
 #include <vector>
 
+#include "object_store.hpp"
+
 namespace jovemu {
 
 namespace {
 
 using nlohmann::json;
+
+// Not a table: the statements that create every table, for tables made at run time (one per
+// bucket) that a new store does not have yet.
+constexpr const char* kSchemaFile = "_schema.json";
 namespace fs = std::filesystem;
 
 // A statement built at run time (table names come from the schema), finalized on scope exit.
@@ -172,6 +178,22 @@ void importTable(Connection& conn, const std::string& table, const json& rows,
   }
 }
 
+// Creates a table the schema does not make at start, from the statement exported with it.
+void createTable(Connection& conn, const std::string& table, const json& schema,
+                 const std::string& file) {
+  auto sql = schema.find(table);
+  if (sql == schema.end() || !sql->is_string() ||
+      sql->get_ref<const std::string&>().rfind("CREATE TABLE " + table + " ", 0) != 0) {
+    throw std::runtime_error(file + ": no table " + table + " and no statement to create it in " +
+                             kSchemaFile);
+  }
+  try {
+    conn.exec(sql->get_ref<const std::string&>().c_str());
+  } catch (const std::exception& error) {
+    throw std::runtime_error(file + ": " + error.what());
+  }
+}
+
 }  // namespace
 
 void exportStore(Database& db, const fs::path& directory) {
@@ -179,10 +201,17 @@ void exportStore(Database& db, const fs::path& directory) {
   fs::create_directories(directory, ec);
   if (ec) throw std::runtime_error("cannot create " + directory.string() + ": " + ec.message());
   // Read everything in one transaction, so the files describe one moment of the store.
-  auto tables = db.transaction([](Connection& conn) {
+  json schema = json::object();
+  auto tables = db.transaction([&schema](Connection& conn) {
+    {
+      Query q(conn,
+              "SELECT name, sql FROM sqlite_master WHERE type = 'table' AND name NOT LIKE "
+              "'sqlite_%'");
+      while (q.step()) schema[q.text(0)] = q.text(1);
+    }
     std::vector<std::pair<std::string, json>> all;
     for (const auto& table : tableNames(conn)) {
-      Query q(conn, "SELECT * FROM " + quoted(table) + " ORDER BY rowid");
+      Query q(conn, "SELECT * FROM " + quoted(table));
       json rows = json::array();
       while (q.step()) {
         json row = json::object();
@@ -198,6 +227,7 @@ void exportStore(Database& db, const fs::path& directory) {
   for (const auto& [table, rows] : tables) {
     writeFileAtomically(directory / (table + ".json"), rows.dump(2) + "\n");
   }
+  writeFileAtomically(directory / kSchemaFile, schema.dump(2) + "\n");
 }
 
 void importStore(Database& db, const fs::path& directory) {
@@ -207,12 +237,18 @@ void importStore(Database& db, const fs::path& directory) {
   }
   // Read and parse every file before touching the store.
   std::vector<std::pair<std::string, json>> files;
+  json schema = json::object();
   for (const auto& entry : fs::directory_iterator(directory)) {
     if (entry.path().extension() != ".json") continue;
     std::ifstream in(entry.path(), std::ios::binary);
     json rows = json::parse(in, nullptr, false);
     if (rows.is_discarded()) throw std::runtime_error(entry.path().string() + ": not JSON");
-    files.emplace_back(entry.path().stem().string(), std::move(rows));
+    if (entry.path().filename() == kSchemaFile) {
+      if (!rows.is_object()) throw std::runtime_error(entry.path().string() + ": not an object");
+      schema = std::move(rows);
+    } else {
+      files.emplace_back(entry.path().stem().string(), std::move(rows));
+    }
   }
   db.transaction([&](Connection& conn) {
     auto tables = tableNames(conn);
@@ -226,13 +262,25 @@ void importStore(Database& db, const fs::path& directory) {
     }
     for (const auto& [table, rows] : files) {
       auto file = (directory / (table + ".json")).string();
-      if (!known.count(table)) throw std::runtime_error(file + ": no table " + table);
+      if (!known.count(table)) createTable(conn, table, schema, file);
       importTable(conn, table, rows, file);
     }
   });
 }
 
 void clearApplicationData(Connection& conn, const std::string& appID) {
+  // A bucket's objects and ACL entries live in tables without an application column.
+  std::vector<BucketRow> buckets;
+  {
+    Query q(conn, "SELECT bucket_key FROM buckets WHERE app_id = ?");
+    sqlite3_bind_text(q.get(), 1, appID.data(), static_cast<int>(appID.size()), SQLITE_TRANSIENT);
+    while (q.step()) {
+      BucketRow bucket;
+      bucket.key = sqlite3_column_int64(q.get(), 0);
+      buckets.push_back(bucket);
+    }
+  }
+  for (const auto& bucket : buckets) dropBucket(conn, bucket);
   for (const auto& table : tableNames(conn)) {
     if (table == "apps") continue;
     auto columns = columnNames(conn, table);

@@ -36,6 +36,30 @@ struct Cli {
   }
 };
 
+// Alice's requests to the "roundtrip" application of one private emulator.
+struct AppClient {
+  httplib::Client http;
+  std::string token;
+  explicit AppClient(int port) : http("127.0.0.1", port) {
+    auto reply = send("POST", "/oauth2/token", R"({"username":"alice","password":"secret99"})");
+    token = json::parse(reply.second, nullptr, false).value("access_token", "");
+  }
+  std::pair<int, std::string> send(const std::string& method, const std::string& path,
+                                   const std::string& body = "") {
+    httplib::Request request;
+    request.method = method;
+    request.path = "/api/apps/roundtrip" + path;
+    request.headers = {{"X-Jov-AppID", "roundtrip"}, {"X-Jov-AppKey", "rt-key"}};
+    if (!token.empty()) request.headers.emplace("Authorization", "Bearer " + token);
+    if (!body.empty()) {
+      request.body = body;
+      request.headers.emplace("Content-Type", "application/json");
+    }
+    auto result = http.send(request);
+    return result ? std::pair{result->status, result->body} : std::pair{0, std::string()};
+  }
+};
+
 TEST(EmulatorOptions, ExportImportRoundTripAndReset) {
   TempDir dump;
   std::string groupID;
@@ -47,6 +71,9 @@ TEST(EmulatorOptions, ExportImportRoundTripAndReset) {
     auto created = cli({"group", "create", "Climbers", "--json"});
     ASSERT_EQ(created.status, 0) << created.err;
     groupID = json::parse(created.out).value("groupID", "");
+    // A bucket keeps its objects in a table made at run time: it must come back too.
+    AppClient client(first.port());
+    ASSERT_EQ(client.send("PUT", "/buckets/notes/objects/n1", R"({"text":"hi"})").first, 201);
     ASSERT_EQ(first.stop(), 0);
   }
   for (const char* table : {"apps", "users", "groups", "group_members", "tokens"})
@@ -62,6 +89,10 @@ TEST(EmulatorOptions, ExportImportRoundTripAndReset) {
   ASSERT_EQ(list.size(), 1u);
   EXPECT_EQ(list[0]["groupID"], groupID);
   EXPECT_EQ(list[0]["name"], "Climbers");
+  AppClient client(second.port());
+  auto [status, note] = client.send("GET", "/buckets/notes/objects/n1");
+  EXPECT_EQ(status, 200) << note;
+  EXPECT_EQ(json::parse(note, nullptr, false).value("text", ""), "hi");
 
   // A store that already holds data takes no import.
   auto again =
@@ -73,6 +104,7 @@ TEST(EmulatorOptions, ExportImportRoundTripAndReset) {
   httplib::Client http("127.0.0.1", second.port());
   EXPECT_EQ(http.Delete("/emulator/apps/no-such-app")->status, 404);
   EXPECT_EQ(http.Delete("/emulator/apps/roundtrip")->status, 204);
+  EXPECT_EQ(client.send("GET", "/buckets/notes/objects/n1").first / 100, 4);
   auto afterReset = cli({"login", "alice@example.org"}, "secret99\n");
   EXPECT_EQ(afterReset.status, 1);
   EXPECT_EQ(cli({"register", "alice"}, "secret99\n").status, 0) << "the application is gone";
