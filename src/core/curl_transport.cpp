@@ -112,6 +112,7 @@ class CurlRequest final : public JovURLRequest, public detail::LoopTransfer {
     done_ = std::move(done);
     // The loop holds the request until it is done.
     self_ = std::static_pointer_cast<CurlRequest>(shared_from_this());
+    loopEasy_ = context_->easy;
     detail::IoLoop::instance().add(this);
   }
 
@@ -121,7 +122,8 @@ class CurlRequest final : public JovURLRequest, public detail::LoopTransfer {
       detail::IoLoop::instance().cancel(std::static_pointer_cast<CurlRequest>(self));
   }
 
-  CURL* easyHandle() override { return context_->easy; }
+  // The handle this request was added to the loop with (the loop asks even after it ended).
+  CURL* easyHandle() override { return loopEasy_; }
   void transferDone(CURLcode code) override {
     if (code == CURLE_ABORTED_BY_CALLBACK && !idleExpired_ && !fileFailed_) cancelled_ = true;
     complete(code);
@@ -143,6 +145,7 @@ class CurlRequest final : public JovURLRequest, public detail::LoopTransfer {
   HandlePool& asyncPool_;
   HandlePool* pool_ = nullptr;
   HandleContext* context_ = nullptr;
+  CURL* loopEasy_ = nullptr;
   curl_slist* headerList_ = nullptr;
   std::function<void()> done_;
   std::shared_ptr<CurlRequest> self_;

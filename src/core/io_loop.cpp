@@ -6,7 +6,7 @@
 #include <mutex>
 #include <queue>
 #include <thread>
-#include <unordered_set>
+#include <unordered_map>
 #include <vector>
 
 #include "core/cancel_state.hpp"
@@ -103,9 +103,14 @@ class IoLoop::Impl {
   }
 
   void finish(LoopTransfer* t, CURLcode code) {
-    curl_multi_remove_handle(multi_, t->easyHandle());
-    active_.erase(t);
+    CURL* easy = t->easyHandle();
+    curl_multi_remove_handle(multi_, easy);
+    active_.erase(easy);
     t->transferDone(code);
+  }
+  LoopTransfer* transferOf(CURL* easy) const {
+    auto it = active_.find(easy);
+    return it == active_.end() ? nullptr : it->second;
   }
 
   void loop() {
@@ -117,14 +122,14 @@ class IoLoop::Impl {
       takeQueued(adds, cancels, due, waitMs);
       for (LoopTransfer* t : adds) {
         if (curl_multi_add_handle(multi_, t->easyHandle()) == CURLM_OK) {
-          active_.insert(t);
+          active_.emplace(t->easyHandle(), t);
         } else {
           t->transferDone(CURLE_FAILED_INIT);
         }
       }
       for (auto& t : cancels) {
         // A transfer that already finished is no longer known here: nothing to do.
-        if (active_.count(t.get()) != 0) finish(t.get(), CURLE_ABORTED_BY_CALLBACK);
+        if (transferOf(t->easyHandle()) == t.get()) finish(t.get(), CURLE_ABORTED_BY_CALLBACK);
       }
       for (auto& fire : due) fire();
       adds.clear();
@@ -136,10 +141,8 @@ class IoLoop::Impl {
       int queued = 0;
       while (CURLMsg* msg = curl_multi_info_read(multi_, &queued)) {
         if (msg->msg != CURLMSG_DONE) continue;
-        LoopTransfer* t = nullptr;
-        curl_easy_getinfo(msg->easy_handle, CURLINFO_PRIVATE, reinterpret_cast<char**>(&t));
         CURLcode code = msg->data.result;
-        if (t != nullptr && active_.count(t) != 0) finish(t, code);
+        if (LoopTransfer* t = transferOf(msg->easy_handle)) finish(t, code);
       }
       if (stop_.load()) break;
       curl_multi_poll(multi_, nullptr, 0, waitMs, nullptr);
@@ -154,7 +157,7 @@ class IoLoop::Impl {
   std::vector<std::shared_ptr<LoopTransfer>> cancels_;
   std::priority_queue<Timer, std::vector<Timer>, std::greater<>> timers_;
   std::uint64_t seq_ = 0;
-  std::unordered_set<LoopTransfer*> active_;  // I/O thread only
+  std::unordered_map<CURL*, LoopTransfer*> active_;  // I/O thread only
 };
 
 IoLoop::IoLoop() : impl_(new Impl()) {

@@ -197,6 +197,7 @@ TEST_F(TransportTest, DownloadsAreWrittenAtomically) {
   };
   Watch watched("/body");
   watched.last = &lastReceived;
+  watched.reportsProgress = true;
   watched.downloadPath = target;
   ASSERT_TRUE(watched.makeSynchronousRequest().ok());
   EXPECT_EQ(std::filesystem::file_size(target), payload.size());
@@ -241,6 +242,7 @@ TEST_F(TransportTest, ReportsUploadProgressAndStreamsAFile) {
     void requestDataSend(std::int64_t s) override { sent.push_back(s); }
   };
   Watch r("/up");
+  r.reportsProgress = true;
   r.requestMethod = JovMethodPut;
   r.uploadFilePath = file;
   r.content = "application/octet-stream";
