@@ -11,6 +11,7 @@
 #include "jov/encoding.hpp"
 #include "jov/logger.hpp"
 #include "jov/user.hpp"
+#include "platform/credential_write.hpp"
 
 namespace jov {
 
@@ -141,7 +142,6 @@ Result<void> JovKeyChainWrapper::createJovUser(const JovUser& user, const std::s
   auto record = recordOf(user);
   if (!record) return record.error();
   auto target = store();
-  if (alreadyWritten(target, service, record.value())) return {};
   auto outcome = target->add(service, record.value());
   if (outcome.status == JovCredentialStoreStatus::Duplicate) return updateJovUser(user, service);
   if (!outcome.ok()) return writeError(outcome);
@@ -149,11 +149,17 @@ Result<void> JovKeyChainWrapper::createJovUser(const JovUser& user, const std::s
   return {};
 }
 
+Result<void> detail::storeCredentialsIfChanged(const JovUser& user, const std::string& service) {
+  auto record = recordOf(user);
+  if (!record) return record.error();
+  if (alreadyWritten(JovKeyChainWrapper::store(), service, record.value())) return {};
+  return JovKeyChainWrapper::createJovUser(user, service);
+}
+
 Result<void> JovKeyChainWrapper::updateJovUser(const JovUser& user, const std::string& service) {
   auto record = recordOf(user);
   if (!record) return record.error();
   auto target = store();
-  if (alreadyWritten(target, service, record.value())) return {};
   auto outcome = target->update(service, record.value());
   if (!outcome.ok()) return writeError(outcome);
   remember(target, service, record.value());

@@ -5,6 +5,7 @@
 #include "jov/credential_store.hpp"
 #include "jov/logger.hpp"
 #include "jov/user.hpp"
+#include "platform/credential_write.hpp"
 #include "users/session_hooks.hpp"
 #include "users/user_internal.hpp"
 
@@ -62,7 +63,7 @@ Result<void> storeCurrentUserInfoSynchronous() {
   auto user = Jov::currentUser();
   if (!user || user->userID().empty())
     return JovError::errorWithCode(JovError::codeInvalidObjects());
-  return JovKeyChainWrapper::createJovUser(*user, JovKeyChainWrapper::kUserCredentialsService);
+  return storeCredentialsIfChanged(*user, JovKeyChainWrapper::kUserCredentialsService);
 }
 
 void storeCurrentUserInfoOrLog() {

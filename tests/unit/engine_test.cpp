@@ -85,7 +85,7 @@ class EngineTest : public jovtest::UserTest {
  protected:
   // Answers GET /groups/g1 only once the test opens the gate.
   void holdGroup(const std::string& name) {
-    fake.on("GET", "/groups/g1", [this, name](const jovtest::Recorded&) {
+    fake.on("GET", "/groups/g1", [gate = gate, name](const jovtest::Recorded&) {
       gate.wait();
       return Answer::json(200, {{"groupID", "g1"}, {"name", name}});
     });
