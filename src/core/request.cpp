@@ -252,6 +252,8 @@ JovRequest JovRequest::withURL(const std::string& url) {
 
 void JovRequest::setRequestPath(const std::string& path, bool withApp) {
   std::string url = Jov::baseURL();
+  // "https://host/api/" and "https://host/api" name the same service: one slash either way.
+  if (withApp && !url.empty() && url.back() == '/') url.pop_back();
   if (withApp) url += "/apps/" + Jov::appID() + "/";
   if (!url.empty() && url.back() == '/') url.pop_back();
   requestPath = url + path;
