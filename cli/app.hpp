@@ -151,5 +151,6 @@ std::string bashCompletion(const CLI::App& app);
 // One function per entity adds its commands to the top-level app.
 void addUserCommands(CLI::App& jov, Context& ctx);
 void addGroupCommands(CLI::App& jov, Context& ctx);
+void addCodeCommands(CLI::App& jov, Context& ctx);
 
 }  // namespace jovcli

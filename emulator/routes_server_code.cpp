@@ -1,6 +1,10 @@
 // Server code: the service's execution route, and the emulator's own routes that deploy a
 // script as a new version and list the versions.
 //
+// POST /emulator/apps/{appID}/server-code[?version=N] deploys a script (application/javascript)
+// as the next version, or as version N when N is greater than every deployed one (409
+// SERVER_CODE_VERSION_EXISTS otherwise).
+//
 // POST /api/apps/{appID}/server-code/versions/{version}/{entry}[?environment-version=N]
 //   version: "current" (the latest) or a version number; the body is the entry's argument, a
 //   JSON object (empty: {}). A bearer token makes the caller a user; without one the entry runs
@@ -14,6 +18,7 @@
 // The emulator offers environment versions 0 and 6, the ones the client knows; both run on the
 // same engine. Without the query the default, 6, is used and reported.
 #include <cctype>
+#include <charconv>
 
 #include "api_error.hpp"
 #include "server_code.hpp"
@@ -99,13 +104,21 @@ void execute(Service& service, Call& call, const std::string& appID) {
 
 }  // namespace
 
-std::int64_t deployScript(Service& service, const std::string& appID, const std::string& script) {
+std::int64_t deployScript(Service& service, const std::string& appID, const std::string& script,
+                          std::optional<std::int64_t> requested) {
   if (script.empty()) throw invalidInput("The script is empty");
   if (auto error = compileError(script, service.settings.scriptLimits)) {
     throw ApiError(400, "INVALID_SCRIPT", *error);
   }
-  return service.db.transaction(
-      [&](Connection& conn) { return deployServerCode(conn, appID, script, Service::now()); });
+  std::int64_t version = service.db.transaction([&](Connection& conn) {
+    return deployServerCode(conn, appID, script, Service::now(), requested);
+  });
+  if (version == 0) {
+    throw ApiError(
+        409, "SERVER_CODE_VERSION_EXISTS",
+        "Version " + std::to_string(*requested) + " is not greater than every deployed version");
+  }
+  return version;
 }
 
 void addServerCodeRoutes(Router& router, Service& service) {
@@ -115,7 +128,16 @@ void addServerCodeRoutes(Router& router, Service& service) {
   router.add("POST", "/emulator/apps/{}/server-code", [&service](Call& call) {
     requireKnownApp(service, call.param(0));
     call.requireMediaType({"application/javascript", "text/javascript"});
-    call.reply(201, {{"version", deployScript(service, call.param(0), call.rawBody())}});
+    std::optional<std::int64_t> requested;
+    if (auto given = call.query("version")) {
+      std::int64_t number = 0;
+      auto [end, error] = std::from_chars(given->data(), given->data() + given->size(), number);
+      if (error != std::errc() || end != given->data() + given->size() || number < 1) {
+        throw invalidInput("The version must be a positive integer");
+      }
+      requested = number;
+    }
+    call.reply(201, {{"version", deployScript(service, call.param(0), call.rawBody(), requested)}});
   });
 
   router.add("GET", "/emulator/apps/{}/server-code", [&service](Call& call) {

@@ -5,12 +5,16 @@
 namespace jovemu {
 
 std::int64_t deployServerCode(Connection& conn, const std::string& appID, const std::string& script,
-                              std::int64_t nowMs) {
+                              std::int64_t nowMs, std::optional<std::int64_t> requested) {
   std::int64_t next = 1;
   {
     auto last = conn.prepare("SELECT MAX(version) FROM server_code WHERE app_id = ?");
     last.bind(1, appID);
     if (last.step() && !last.isNull(0)) next = last.integer(0) + 1;
+  }
+  if (requested) {
+    if (*requested < next) return 0;
+    next = *requested;
   }
   conn.prepare("INSERT INTO server_code (app_id, version, script, created) VALUES (?, ?, ?, ?)")
       .bind(1, appID)

@@ -17,9 +17,11 @@ struct ServerCodeVersion {
   std::string script;
 };
 
-/// @brief Stores the script as the application's next version and returns its number.
+/// @brief Stores the script as the application's next version, or as `requested` when given,
+/// and returns its number. A requested version must be greater than every stored one (versions
+/// only grow, so "current" stays the latest): otherwise nothing is stored and 0 is returned.
 std::int64_t deployServerCode(Connection& conn, const std::string& appID, const std::string& script,
-                              std::int64_t nowMs);
+                              std::int64_t nowMs, std::optional<std::int64_t> requested = {});
 /// @brief The named version ("current" is the latest; otherwise a decimal number).
 std::optional<ServerCodeVersion> findServerCode(Connection& conn, const std::string& appID,
                                                 const std::string& version);

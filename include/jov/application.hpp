@@ -14,6 +14,7 @@
 namespace jov {
 
 class JovGroup;
+class JovServerCodeEntry;
 class JovUser;
 class JovURLRequestFactory;
 
@@ -142,6 +143,22 @@ class Jov {
   /// @brief A new group whose members are added by its first save.
   static std::shared_ptr<JovGroup> groupWithName(
       const std::string& name, const std::vector<std::shared_ptr<JovUser>>& members);
+
+  /// @brief The entry of this name at the "current" (latest) code version, with no
+  /// runtime-environment version; the checks are those of the three-argument form.
+  static std::shared_ptr<JovServerCodeEntry> serverCodeEntry(
+      const std::optional<std::string>& entryName);
+  /// @brief The entry of this name at a code version, with no runtime-environment version.
+  static std::shared_ptr<JovServerCodeEntry> serverCodeEntry(
+      const std::optional<std::string>& entryName, const std::optional<std::string>& version);
+  /// @brief The entry of this name at a code version and a runtime-environment version (-1:
+  /// none). Raises std::invalid_argument, checking in this order: no name "entryName must not
+  /// nil"; no or empty version "version must not nil or empty string"; a name that is not a
+  /// letter followed by letters, digits and "_": "entryName is invalid. Valid entryName pattern
+  /// is [a-zA-Z][_a-zA-Z0-9]*$".
+  static std::shared_ptr<JovServerCodeEntry> serverCodeEntry(
+      const std::optional<std::string>& entryName, const std::optional<std::string>& version,
+      int environmentVersion);
 
  private:
   Jov() = default;

@@ -11,6 +11,7 @@
 #include "jov/logger.hpp"
 #include "jov/request.hpp"
 #include "jov/result.hpp"
+#include "jov/server_code.hpp"
 #include "jov/social_account.hpp"
 #include "jov/transport.hpp"
 #include "jov/user.hpp"

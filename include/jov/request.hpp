@@ -36,6 +36,8 @@ struct JovResponse {
   std::string etag;
   /// @brief The parsed JSON body (also on failure when it parsed); null when none.
   nlohmann::json json;
+  /// @brief The response headers the request kept (see JovRequest::keepAllResponseHeaders).
+  JovHeaders headers;
   /// @brief True when there is no error.
   bool ok() const { return !error.has_value(); }
 };

@@ -58,6 +58,7 @@ Routine<JovResponse> send(const Exchange& exchange, SendArgs args) {
   request.keepAllResponseHeaders = args.keepAllHeaders_;
   JovResponse response = co_await execute(request, std::move(args.etag_));
   if (response.error) co_return applyErrorRules(*response.error, exchange.spec.errors);
+  response.headers = std::move(request.responseHeaders);
   co_return response;
 }
 

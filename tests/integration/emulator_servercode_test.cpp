@@ -172,11 +172,26 @@ TEST_F(ServerCodeTest, VersionsEntriesAndDeploymentsThatDoNotExist) {
   EXPECT_EQ(run(app, "1", "add", {{"a", 1}, {"b", 1}}).body["returnedValue"]["sum"], 2);
   EXPECT_EQ(run(app, "2", "count", {{"n", 2}}).status, 404);
 
+  // A chosen version must be above every deployed one; the next unchosen one follows it.
+  auto deployAs = [&](const std::string& version) {
+    return emulatorRequest("POST",
+                           "/emulator/apps/" + app.appID + "/server-code?version=" + version,
+                           "function add() { return " + version + "; }", "application/javascript");
+  };
+  EXPECT_EQ(deployAs("2").errorCode(), "SERVER_CODE_VERSION_EXISTS");
+  EXPECT_EQ(deployAs("x").status, 400);
+  EXPECT_EQ(deployAs("0").status, 400);
+  ASSERT_EQ(deployAs("10").body["version"], 10);
+  EXPECT_EQ(run(app, "current", "add").body["returnedValue"], 10);
+  EXPECT_EQ(run(app, "5", "add").status, 404);
+  ASSERT_EQ(deploy(app.appID, "function add() { return 11; }").body["version"], 11);
+  ASSERT_EQ(deploy(app.appID, "function add(args) { return 'second'; }").body["version"], 12);
+
   Emulator::shared().restart();
   auto listed = emulatorRequest("GET", "/emulator/apps/" + app.appID + "/server-code");
   ASSERT_EQ(listed.status, 200);
-  EXPECT_EQ(listed.body["current"], 2);
-  ASSERT_EQ(listed.body["versions"].size(), 2u);
+  EXPECT_EQ(listed.body["current"], 12);
+  ASSERT_EQ(listed.body["versions"].size(), 5u);
   EXPECT_EQ(listed.body["versions"][0]["version"], 1);
   EXPECT_EQ(run(app, "current", "add").body["returnedValue"], "second");
 }

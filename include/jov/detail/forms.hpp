@@ -18,6 +18,7 @@
 /// pass `nullptr`. A routine that produces nothing (Result<void>) hands its entity to the block
 /// or delegate when the block takes one, and only the error otherwise.
 
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
@@ -37,6 +38,26 @@ template <class T>
 struct IsTuple : std::false_type {};
 template <class... A>
 struct IsTuple<std::tuple<A...>> : std::true_type {};
+
+/// The block type left when the first N parameters of a block are given in advance.
+template <class... Rest>
+struct Trailing {
+  template <class... BlockArgs, class... Lead>
+  static std::function<void(Rest...)> wrap(std::function<void(BlockArgs...)> block, Lead... lead) {
+    if (!block) return {};
+    return [block = std::move(block), ... lead = std::move(lead)](Rest... rest) {
+      block(lead..., std::move(rest)...);
+    };
+  }
+};
+template <std::size_t N, class First, class... Rest>
+auto dropLeading() {
+  if constexpr (N == 0) {
+    return Trailing<First, Rest...>{};
+  } else {
+    return dropLeading<N - 1, Rest...>();
+  }
+}
 
 /// Calls the block with the results first and the error last.
 template <class Self, class T, class Block>
@@ -75,19 +96,38 @@ void runClassBlock(Routine<T> routine, Block block, const JovCancellation& cance
   runBlock(nullptr, std::move(routine), std::move(block), cancel);
 }
 
+/// A block of (results, error) made from a block that takes some values first (the entity, an
+/// argument of the call): `leading(block, self, argument)`. Empty when the block is.
+template <class... BlockArgs, class... Lead>
+auto leading(std::function<void(BlockArgs...)> block, Lead... lead) {
+  using Rest = decltype(dropLeading<sizeof...(Lead), BlockArgs...>());
+  return Rest::wrap(std::move(block), std::move(lead)...);
+}
+
 /// Delegate form: the delegate's member receives what the block would (results, then error),
-/// through a second hop on the main queue as every delegate call takes.
-template <class Self, class T>
-void runCallback(Self self, Routine<T> routine, JovCallback callback,
-                 const JovCancellation& cancel) {
+/// through a second hop on the main queue as every delegate call takes. Values given as `lead`
+/// come first (`runCallback(self, routine, callback, cancel, self, argument)`).
+template <class Self, class T, class... Lead>
+void runCallback(Self self, Routine<T> routine, JovCallback callback, const JovCancellation& cancel,
+                 Lead... lead) {
   start(std::move(routine), cancel.state(),
-        [self = std::move(self), callback = std::move(callback)](Result<T> result) mutable {
+        [self = std::move(self), callback = std::move(callback),
+         lead = std::make_tuple(std::move(lead)...)](Result<T> result) mutable {
           // Nobody to tell, but the operation still ran.
           if (!callback.hasSelector()) return;
           JovMainQueue::post([self = std::move(self), callback = std::move(callback),
-                              result = std::move(result)]() mutable {
+                              lead = std::move(lead), result = std::move(result)]() mutable {
             std::optional<JovError> error = result.errorIfAny();
-            if constexpr (std::is_void_v<T>) {
+            if constexpr (sizeof...(Lead) > 0) {
+              static_assert(!std::is_void_v<T> && !IsTuple<T>::value);
+              std::apply(
+                  [&](auto&... l) {
+                    JovUtilities::callMethod(callback, l...,
+                                             result.ok() ? std::move(result.value()) : T{},
+                                             std::move(error));
+                  },
+                  lead);
+            } else if constexpr (std::is_void_v<T>) {
               if constexpr (std::is_same_v<Self, std::nullptr_t>) {
                 JovUtilities::callMethod(callback, std::move(error));
               } else {
