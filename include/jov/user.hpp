@@ -21,13 +21,11 @@
 #include "jov/detail/task.hpp"
 #include "jov/result.hpp"
 #include "jov/social_account.hpp"
+#include "jov/user_builder.hpp"
 
 namespace jov {
 
 class JovGroup;
-class JovIdentityData;
-class JovUserFields;
-class JovUserBuilder;
 namespace detail {
 struct UserAccess;
 }
@@ -110,12 +108,20 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
   /// @brief Logs the current user out and deletes the stored credentials.
   static void logOut();
 
-  /// @brief Logs in with the credentials a former login stored; no request is made.
+  /// @name authenticateWithStoredCredentials
+  /// @{
+  /// Logs in with the credentials a former login stored; no request is made.
+  /// Errors: 330 when nothing is stored; 331 for a stale or foreign record (it is deleted).
+  /// The block receives the user, then the error; it is required ("completion can not be nil").
   static Result<Ptr> authenticateWithStoredCredentialsSynchronous();
-  /// @brief Block form; raises std::invalid_argument("completion can not be nil") without block.
-  static void authenticateWithStoredCredentials(UserBlock block);
-  /// @brief Future form.
-  static std::future<Result<Ptr>> authenticateWithStoredCredentialsAsync();
+  static void authenticateWithStoredCredentials(UserBlock block, JovCancellation cancel = {}) {
+    detail::runClassBlock(storedCredentialsRoutine(), std::move(block), cancel);
+  }
+  static std::future<Result<Ptr>> authenticateWithStoredCredentialsAsync(
+      JovCancellation cancel = {}) {
+    return detail::runFuture(nullptr, storedCredentialsRoutine(), cancel);
+  }
+  /// @}
 
   // ------------------------------------------------------------------ attributes
 
@@ -208,8 +214,10 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
   // ------------------------------------------------------------------ JSON forms
 
   /// @brief Reads a user record of the service; custom fields and linked accounts are
-  /// replaced, other fields only when their key is present. Ignored unless an object.
-  void loadFromJSON(const nlohmann::json& record);
+  /// replaced, other fields only when their key is present (a null value counts as absent).
+  /// False, and nothing changed, when the record is not an object or a known key has another
+  /// type than the service sends.
+  bool loadFromJSON(const nlohmann::json& record);
   /// @brief The attributes save sends: the custom fields, "country", "displayName", "locale".
   nlohmann::json uploadAttributes() const;
   /// @brief The persisted form of a logged-in user (no password, no custom fields).
@@ -221,281 +229,591 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
   bool operator==(const JovUser& other) const { return uuid_ == other.uuid_; }
 
   // ------------------------------------------------------------------ registration and login
+  //
+  // Every operation has four forms: xSynchronous blocks and returns the result; x(..., block)
+  // and x(..., JovCallback) run it on the library's engine and deliver on the main queue; xAsync
+  // gives a future ready on a worker. Every asynchronous form takes an optional JovCancellation.
+  // Errors common to every exchange: 101 (not begun), 201 (no connection), 202 (an answer that
+  // cannot be read), 203 (token refused), and 0 with the service's "http_status",
+  // "server_code" and "server_message" for a refusal the operation does not map.
 
-  /// @brief Registers the user, then logs it in (it becomes the current user).
-  Result<void> performRegistrationSynchronous();
-  /// @brief Block form: the user and the error.
-  void performRegistration(UserBlock block);
-  /// @brief Delegate form: the user and the error.
-  void performRegistration(JovCallback callback);
-  /// @brief Future form.
-  std::future<Result<void>> performRegistrationAsync();
+  /// @name performRegistration
+  /// @{
+  /// Registers the user (POST "/users"), then logs it in: it becomes the current user and its
+  /// credentials are stored. Logs out first.
+  /// Errors: 306 without a password or an identifier; 305 / 308 for an invalid e-mail address or
+  /// phone number when validateFields is on (also kept in validationError); 503 when the
+  /// identifier is taken ("USER_ALREADY_EXISTS"); and the login's errors.
+  /// The block and delegate receive the user, then the error.
+  Result<void> performRegistrationSynchronous() { return detail::runSync(registrationRoutine()); }
+  void performRegistration(UserBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), registrationRoutine(), std::move(block), cancel);
+  }
+  void performRegistration(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), registrationRoutine(), std::move(callback), cancel);
+  }
+  std::future<Result<void>> performRegistrationAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(self(), registrationRoutine(), cancel);
+  }
+  /// @}
 
-  /// @brief Registers a pseudo user (no identifier, no password) and makes it current.
-  static Result<Ptr> registerAsPseudoUserSynchronous(const JovUserFields& userFields);
-  /// @brief Block form; raises std::invalid_argument("completion can not be nil") without block.
-  static void registerAsPseudoUser(const JovUserFields& userFields, UserBlock block);
-  /// @brief Delegate form.
-  static void registerAsPseudoUser(const JovUserFields& userFields, JovCallback callback);
-  /// @brief Future form.
-  static std::future<Result<Ptr>> registerAsPseudoUserAsync(const JovUserFields& userFields);
+  /// @name registerAsPseudoUser
+  /// @{
+  /// Registers a user without identifiers or password (POST "/users") and makes it current; its
+  /// token never expires and nothing is stored. Logs out first.
+  /// Errors: the fields' validation errors; 202 when the answer has no "_accessToken".
+  /// The block (required) and delegate receive the new user, then the error.
+  static Result<Ptr> registerAsPseudoUserSynchronous(const JovUserFields& userFields) {
+    return detail::runSync(pseudoRegistrationRoutine(userFields));
+  }
+  static void registerAsPseudoUser(const JovUserFields& userFields, UserBlock block,
+                                   JovCancellation cancel = {}) {
+    detail::runClassBlock(pseudoRegistrationRoutine(userFields), std::move(block), cancel);
+  }
+  static void registerAsPseudoUser(const JovUserFields& userFields, JovCallback callback,
+                                   JovCancellation cancel = {}) {
+    detail::runCallback(nullptr, pseudoRegistrationRoutine(userFields), std::move(callback),
+                        cancel);
+  }
+  static std::future<Result<Ptr>> registerAsPseudoUserAsync(const JovUserFields& userFields,
+                                                            JovCancellation cancel = {}) {
+    return detail::runFuture(nullptr, pseudoRegistrationRoutine(userFields), cancel);
+  }
+  /// @}
 
-  /// @brief Logs in with a login name, e-mail address or international phone number.
+  /// @name authenticate
+  /// @{
+  /// Logs in with a login name, e-mail address or international phone number and a password
+  /// (POST "/oauth2/token", then the user's record is read and the credentials stored).
+  /// Logs out first, so a failed attempt leaves no current user. Errors before any request: 304
+  /// invalid password; 307 an identifier that is none of the three. The block (required) and
+  /// delegate receive the user, then the error.
   static Result<Ptr> authenticateSynchronous(const std::string& identifier,
-                                             const std::string& password);
-  /// @brief Block form; raises std::invalid_argument("completion can not be nil") without block.
+                                             const std::string& password) {
+    return detail::runSync(passwordLoginRoutine(identifier, password));
+  }
   static void authenticate(const std::string& identifier, const std::string& password,
-                           UserBlock block);
-  /// @brief Delegate form.
+                           UserBlock block, JovCancellation cancel = {}) {
+    detail::runClassBlock(passwordLoginRoutine(identifier, password), std::move(block), cancel);
+  }
   static void authenticate(const std::string& identifier, const std::string& password,
-                           JovCallback callback);
-  /// @brief Future form.
+                           JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(nullptr, passwordLoginRoutine(identifier, password), std::move(callback),
+                        cancel);
+  }
   static std::future<Result<Ptr>> authenticateAsync(const std::string& identifier,
-                                                    const std::string& password);
+                                                    const std::string& password,
+                                                    JovCancellation cancel = {}) {
+    return detail::runFuture(nullptr, passwordLoginRoutine(identifier, password), cancel);
+  }
+  /// @}
 
-  /// @brief Logs in with a local phone number and its two-letter country code.
+  /// @name authenticateWithLocalPhoneNumber
+  /// @{
+  /// Logs in with a local phone number and its two-letter country code ("PHONE:CC-NUMBER").
+  /// Errors before any request: 316 invalid local number, 304 invalid password, 315 invalid
+  /// country code; then those of authenticate.
   static Result<Ptr> authenticateWithLocalPhoneNumberSynchronous(const std::string& phoneNumber,
                                                                  const std::string& password,
-                                                                 const std::string& countryCode);
-  /// @brief Block form; raises std::invalid_argument("completion can not be nil") without block.
+                                                                 const std::string& countryCode) {
+    return detail::runSync(localPhoneLoginRoutine(phoneNumber, password, countryCode));
+  }
   static void authenticateWithLocalPhoneNumber(const std::string& phoneNumber,
                                                const std::string& password,
-                                               const std::string& countryCode, UserBlock block);
-  /// @brief Delegate form.
+                                               const std::string& countryCode, UserBlock block,
+                                               JovCancellation cancel = {}) {
+    detail::runClassBlock(localPhoneLoginRoutine(phoneNumber, password, countryCode),
+                          std::move(block), cancel);
+  }
   static void authenticateWithLocalPhoneNumber(const std::string& phoneNumber,
                                                const std::string& password,
-                                               const std::string& countryCode,
-                                               JovCallback callback);
-  /// @brief Future form.
+                                               const std::string& countryCode, JovCallback callback,
+                                               JovCancellation cancel = {}) {
+    detail::runCallback(nullptr, localPhoneLoginRoutine(phoneNumber, password, countryCode),
+                        std::move(callback), cancel);
+  }
   static std::future<Result<Ptr>> authenticateWithLocalPhoneNumberAsync(
-      const std::string& phoneNumber, const std::string& password, const std::string& countryCode);
+      const std::string& phoneNumber, const std::string& password, const std::string& countryCode,
+      JovCancellation cancel = {}) {
+    return detail::runFuture(nullptr, localPhoneLoginRoutine(phoneNumber, password, countryCode),
+                             cancel);
+  }
+  /// @}
 
-  /// @brief Logs in with an access token obtained elsewhere; raises std::invalid_argument
-  /// ("token must not nil or empty") for an empty token.
-  static Result<Ptr> authenticateWithTokenSynchronous(const std::string& token);
-  /// @brief The same, with the token's expiry.
+  /// @name authenticateWithToken
+  /// @{
+  /// Logs in with an access token obtained elsewhere (GET "/users/me" with that token), and
+  /// optionally its expiry and refresh token; the user becomes current and is stored.
+  /// Raises std::invalid_argument: "token must not nil or empty"; with a refresh token also
+  /// "refreshToken must not nil or empty" and "expiresAt must not nil".
+  /// Errors: 202 when the answer is not a user record with an ID.
+  static Result<Ptr> authenticateWithTokenSynchronous(const std::string& token) {
+    return detail::runSync(tokenLoginRoutine(checkedToken(token), std::nullopt, {}));
+  }
   static Result<Ptr> authenticateWithTokenSynchronous(const std::string& token,
-                                                      TimePoint expiresAt);
-  /// @brief The same, with expiry and refresh token; raises std::invalid_argument
-  /// ("refreshToken must not nil or empty", "expiresAt must not nil").
+                                                      TimePoint expiresAt) {
+    return detail::runSync(tokenLoginRoutine(checkedToken(token), expiresAt, {}));
+  }
   static Result<Ptr> authenticateWithTokenSynchronous(const std::string& token,
                                                       std::optional<TimePoint> expiresAt,
-                                                      const std::string& refreshToken);
-  /// @brief Block form; raises std::invalid_argument("completion can not be nil") without block.
-  static void authenticateWithToken(const std::string& token, UserBlock block);
-  /// @brief Block form with expiry.
-  static void authenticateWithToken(const std::string& token, TimePoint expiresAt, UserBlock block);
-  /// @brief Block form with expiry and refresh token.
+                                                      const std::string& refreshToken) {
+    checkTokenArguments(token, expiresAt, refreshToken);
+    return detail::runSync(tokenLoginRoutine(token, expiresAt, refreshToken));
+  }
+  static void authenticateWithToken(const std::string& token, UserBlock block,
+                                    JovCancellation cancel = {}) {
+    detail::runClassBlock(tokenLoginRoutine(checkedToken(token), std::nullopt, {}),
+                          std::move(block), cancel);
+  }
+  static void authenticateWithToken(const std::string& token, TimePoint expiresAt, UserBlock block,
+                                    JovCancellation cancel = {}) {
+    detail::runClassBlock(tokenLoginRoutine(checkedToken(token), expiresAt, {}), std::move(block),
+                          cancel);
+  }
   static void authenticateWithToken(const std::string& token, std::optional<TimePoint> expiresAt,
-                                    const std::string& refreshToken, UserBlock block);
-  /// @brief Delegate form.
-  static void authenticateWithToken(const std::string& token, JovCallback callback);
-  /// @brief Delegate form with expiry.
+                                    const std::string& refreshToken, UserBlock block,
+                                    JovCancellation cancel = {}) {
+    checkTokenArguments(token, expiresAt, refreshToken);
+    detail::runClassBlock(tokenLoginRoutine(token, expiresAt, refreshToken), std::move(block),
+                          cancel);
+  }
+  static void authenticateWithToken(const std::string& token, JovCallback callback,
+                                    JovCancellation cancel = {}) {
+    detail::runCallback(nullptr, tokenLoginRoutine(checkedToken(token), std::nullopt, {}),
+                        std::move(callback), cancel);
+  }
   static void authenticateWithToken(const std::string& token, TimePoint expiresAt,
-                                    JovCallback callback);
-  /// @brief Delegate form with expiry and refresh token.
+                                    JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(nullptr, tokenLoginRoutine(checkedToken(token), expiresAt, {}),
+                        std::move(callback), cancel);
+  }
   static void authenticateWithToken(const std::string& token, std::optional<TimePoint> expiresAt,
-                                    const std::string& refreshToken, JovCallback callback);
-  /// @brief Future form.
-  static std::future<Result<Ptr>> authenticateWithTokenAsync(const std::string& token);
-  /// @brief Future form with expiry.
+                                    const std::string& refreshToken, JovCallback callback,
+                                    JovCancellation cancel = {}) {
+    checkTokenArguments(token, expiresAt, refreshToken);
+    detail::runCallback(nullptr, tokenLoginRoutine(token, expiresAt, refreshToken),
+                        std::move(callback), cancel);
+  }
   static std::future<Result<Ptr>> authenticateWithTokenAsync(const std::string& token,
-                                                             TimePoint expiresAt);
-  /// @brief Future form with expiry and refresh token.
+                                                             JovCancellation cancel = {}) {
+    return detail::runFuture(nullptr, tokenLoginRoutine(checkedToken(token), std::nullopt, {}),
+                             cancel);
+  }
+  static std::future<Result<Ptr>> authenticateWithTokenAsync(const std::string& token,
+                                                             TimePoint expiresAt,
+                                                             JovCancellation cancel = {}) {
+    return detail::runFuture(nullptr, tokenLoginRoutine(checkedToken(token), expiresAt, {}),
+                             cancel);
+  }
   static std::future<Result<Ptr>> authenticateWithTokenAsync(const std::string& token,
                                                              std::optional<TimePoint> expiresAt,
-                                                             const std::string& refreshToken);
+                                                             const std::string& refreshToken,
+                                                             JovCancellation cancel = {}) {
+    checkTokenArguments(token, expiresAt, refreshToken);
+    return detail::runFuture(nullptr, tokenLoginRoutine(token, expiresAt, refreshToken), cancel);
+  }
+  /// @}
 
-  /// @brief Gives the logged-in pseudo user identifiers and a password.
+  /// @name putIdentityData
+  /// @{
+  /// Gives the logged-in pseudo user identifiers and a password (POST "/users/me"), after
+  /// reading its record again. Errors: 327 when the user is not the logged-in one; the identity
+  /// data's and fields' validation errors; 326 a local phone number without a country; 304
+  /// invalid password; 306 when the user is not a pseudo user; 503 identifier taken; 324 user
+  /// not found. The block and delegate receive the user, then the error.
   Result<void> putIdentityDataSynchronous(const JovIdentityData& identityData,
                                           const JovUserFields& userFields,
-                                          const std::string& password);
-  /// @brief Block form: the user and the error.
+                                          const std::string& password) {
+    return detail::runSync(putIdentityRoutine(identityData, userFields, password));
+  }
   void putIdentityData(const JovIdentityData& identityData, const JovUserFields& userFields,
-                       const std::string& password, UserBlock block);
-  /// @brief Delegate form.
+                       const std::string& password, UserBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), putIdentityRoutine(identityData, userFields, password),
+                     std::move(block), cancel);
+  }
   void putIdentityData(const JovIdentityData& identityData, const JovUserFields& userFields,
-                       const std::string& password, JovCallback callback);
-  /// @brief Future form.
+                       const std::string& password, JovCallback callback,
+                       JovCancellation cancel = {}) {
+    detail::runCallback(self(), putIdentityRoutine(identityData, userFields, password),
+                        std::move(callback), cancel);
+  }
   std::future<Result<void>> putIdentityDataAsync(const JovIdentityData& identityData,
                                                  const JovUserFields& userFields,
-                                                 const std::string& password);
+                                                 const std::string& password,
+                                                 JovCancellation cancel = {}) {
+    return detail::runFuture(self(), putIdentityRoutine(identityData, userFields, password),
+                             cancel);
+  }
+  /// @}
 
   // ------------------------------------------------------------------ account maintenance
 
-  /// @brief Reads the user's record from the service.
-  Result<void> refreshSynchronous();
-  /// @brief Block form.
-  void refresh(UserBlock block, JovCancellation cancel = {});
-  /// @brief Delegate form.
-  void refresh(JovCallback callback, JovCancellation cancel = {});
-  /// @brief Future form.
-  std::future<Result<void>> refreshAsync(JovCancellation cancel = {});
+  /// @name refresh
+  /// @{
+  /// Reads the user's record (GET "/users/ID"); the logged-in user's credentials are stored
+  /// again. Errors: 501 when the user has no ID; 202 when the record cannot be read (the user is
+  /// then left unchanged). The block and delegate receive the user, then the error.
+  Result<void> refreshSynchronous() { return detail::runSync(refreshRoutine()); }
+  void refresh(UserBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), refreshRoutine(), std::move(block), cancel);
+  }
+  void refresh(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), refreshRoutine(), std::move(callback), cancel);
+  }
+  std::future<Result<void>> refreshAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(self(), refreshRoutine(), cancel);
+  }
+  /// @}
 
-  /// @brief Sends the custom fields, country, display name and locale.
-  Result<void> saveSynchronous();
-  /// @brief Block form.
-  void save(UserBlock block);
-  /// @brief Delegate form.
-  void save(JovCallback callback);
-  /// @brief Future form.
-  std::future<Result<void>> saveAsync();
+  /// @name save
+  /// @{
+  /// Sends the custom fields, country, display name and locale (POST "/users/ID").
+  /// Errors: 501 when the user has no ID; 202 for an unreadable answer.
+  Result<void> saveSynchronous() { return detail::runSync(saveRoutine()); }
+  void save(UserBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), saveRoutine(), std::move(block), cancel);
+  }
+  void save(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), saveRoutine(), std::move(callback), cancel);
+  }
+  std::future<Result<void>> saveAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(self(), saveRoutine(), cancel);
+  }
+  /// @}
 
-  /// @brief Changes identifiers and attributes of the logged-in user (not a pseudo user).
+  /// @name updateWithIdentityData
+  /// @{
+  /// Changes identifiers and attributes of the logged-in full user (POST "/users/me"), after
+  /// reading its record again. Errors: 327 not the logged-in user; validation errors; 326 a
+  /// local phone number without a country; 328 a pseudo user; 503 identifier taken; 324.
   Result<void> updateWithIdentityDataSynchronous(const JovIdentityData& identityData,
-                                                 const JovUserFields& userFields);
-  /// @brief Block form.
+                                                 const JovUserFields& userFields) {
+    return detail::runSync(updateIdentityRoutine(identityData, userFields));
+  }
   void updateWithIdentityData(const JovIdentityData& identityData, const JovUserFields& userFields,
-                              UserBlock block);
-  /// @brief Delegate form.
+                              UserBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), updateIdentityRoutine(identityData, userFields), std::move(block),
+                     cancel);
+  }
   void updateWithIdentityData(const JovIdentityData& identityData, const JovUserFields& userFields,
-                              JovCallback callback);
-  /// @brief Future form.
+                              JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), updateIdentityRoutine(identityData, userFields),
+                        std::move(callback), cancel);
+  }
   std::future<Result<void>> updateWithIdentityDataAsync(const JovIdentityData& identityData,
-                                                        const JovUserFields& userFields);
+                                                        const JovUserFields& userFields,
+                                                        JovCancellation cancel = {}) {
+    return detail::runFuture(self(), updateIdentityRoutine(identityData, userFields), cancel);
+  }
+  /// @}
 
-  /// @brief Changes attributes of the logged-in user (not a pseudo user).
-  Result<void> updateWithUserFieldsSynchronous(const JovUserFields& userFields);
-  /// @brief Block form.
-  void updateWithUserFields(const JovUserFields& userFields, UserBlock block);
-  /// @brief Delegate form.
-  void updateWithUserFields(const JovUserFields& userFields, JovCallback callback);
-  /// @brief Future form.
-  std::future<Result<void>> updateWithUserFieldsAsync(const JovUserFields& userFields);
+  /// @name updateWithUserFields
+  /// @{
+  /// Changes attributes of the logged-in full user; errors as updateWithIdentityData.
+  Result<void> updateWithUserFieldsSynchronous(const JovUserFields& userFields) {
+    return detail::runSync(updateIdentityRoutine(std::nullopt, userFields));
+  }
+  void updateWithUserFields(const JovUserFields& userFields, UserBlock block,
+                            JovCancellation cancel = {}) {
+    detail::runBlock(self(), updateIdentityRoutine(std::nullopt, userFields), std::move(block),
+                     cancel);
+  }
+  void updateWithUserFields(const JovUserFields& userFields, JovCallback callback,
+                            JovCancellation cancel = {}) {
+    detail::runCallback(self(), updateIdentityRoutine(std::nullopt, userFields),
+                        std::move(callback), cancel);
+  }
+  std::future<Result<void>> updateWithUserFieldsAsync(const JovUserFields& userFields,
+                                                      JovCancellation cancel = {}) {
+    return detail::runFuture(self(), updateIdentityRoutine(std::nullopt, userFields), cancel);
+  }
+  /// @}
 
-  /// @brief Changes the password, then logs in again with the new one.
+  /// @name updatePassword
+  /// @{
+  /// Changes the password (PUT "/users/ID/password"), then logs in again with the new one.
+  /// Errors: 304 invalid new password; 501 no ID; 302 when the new login fails (its error's
+  /// information kept).
   Result<void> updatePasswordSynchronous(const std::string& fromPassword,
-                                         const std::string& newPassword);
-  /// @brief Block form.
+                                         const std::string& newPassword) {
+    return detail::runSync(updatePasswordRoutine(fromPassword, newPassword));
+  }
   void updatePassword(const std::string& fromPassword, const std::string& newPassword,
-                      UserBlock block);
-  /// @brief Delegate form.
+                      UserBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), updatePasswordRoutine(fromPassword, newPassword), std::move(block),
+                     cancel);
+  }
   void updatePassword(const std::string& fromPassword, const std::string& newPassword,
-                      JovCallback callback);
-  /// @brief Future form.
+                      JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), updatePasswordRoutine(fromPassword, newPassword),
+                        std::move(callback), cancel);
+  }
   std::future<Result<void>> updatePasswordAsync(const std::string& fromPassword,
-                                                const std::string& newPassword);
+                                                const std::string& newPassword,
+                                                JovCancellation cancel = {}) {
+    return detail::runFuture(self(), updatePasswordRoutine(fromPassword, newPassword), cancel);
+  }
+  /// @}
 
-  /// @brief Asks for a password reset of the user with this e-mail address or international
-  /// phone number; raises std::invalid_argument for an empty identifier or an unknown method.
+  /// @name resetPassword
+  /// @{
+  /// Asks for a password reset of the user with this e-mail address or international phone
+  /// number (POST "/users/EMAIL:…|PHONE:…/password/request-reset", anonymous); the older form
+  /// takes an e-mail address and sends no body. Raises std::invalid_argument for an empty
+  /// identifier ("userIdentifier can not be nil or empty string") or an unknown method
+  /// ("Invalid notificationMethod value"). Errors: 329 (or 305 in the older form) for an
+  /// identifier of neither kind; 329 "INVALID_INPUT_DATA"; 324 (404); 332 (409).
   static Result<void> resetPasswordSynchronous(const std::string& userIdentifier,
-                                               JovNotificationMethod notificationMethod);
-  /// @brief Asks for a password reset by e-mail (the older form).
-  static Result<void> resetPasswordSynchronous(const std::string& emailAddress);
-  /// @brief Block form.
+                                               JovNotificationMethod notificationMethod) {
+    checkResetArguments(userIdentifier, notificationMethod);
+    return detail::runSync(resetPasswordRoutine(userIdentifier, notificationMethod));
+  }
+  static Result<void> resetPasswordSynchronous(const std::string& emailAddress) {
+    checkResetArguments(emailAddress);
+    return detail::runSync(resetPasswordByEmailRoutine(emailAddress));
+  }
   static void resetPassword(const std::string& userIdentifier,
-                            JovNotificationMethod notificationMethod, JovBlock<> block);
-  /// @brief Block form of the older form.
-  static void resetPassword(const std::string& emailAddress, JovBlock<> block);
-  /// @brief Delegate form.
+                            JovNotificationMethod notificationMethod, JovBlock<> block,
+                            JovCancellation cancel = {}) {
+    checkResetArguments(userIdentifier, notificationMethod);
+    detail::runClassBlock(resetPasswordRoutine(userIdentifier, notificationMethod),
+                          std::move(block), cancel);
+  }
+  static void resetPassword(const std::string& emailAddress, JovBlock<> block,
+                            JovCancellation cancel = {}) {
+    checkResetArguments(emailAddress);
+    detail::runClassBlock(resetPasswordByEmailRoutine(emailAddress), std::move(block), cancel);
+  }
   static void resetPassword(const std::string& userIdentifier,
-                            JovNotificationMethod notificationMethod, JovCallback callback);
-  /// @brief Delegate form of the older form.
-  static void resetPassword(const std::string& emailAddress, JovCallback callback);
-  /// @brief Future form.
+                            JovNotificationMethod notificationMethod, JovCallback callback,
+                            JovCancellation cancel = {}) {
+    checkResetArguments(userIdentifier, notificationMethod);
+    detail::runCallback(nullptr, resetPasswordRoutine(userIdentifier, notificationMethod),
+                        std::move(callback), cancel);
+  }
+  static void resetPassword(const std::string& emailAddress, JovCallback callback,
+                            JovCancellation cancel = {}) {
+    checkResetArguments(emailAddress);
+    detail::runCallback(nullptr, resetPasswordByEmailRoutine(emailAddress), std::move(callback),
+                        cancel);
+  }
   static std::future<Result<void>> resetPasswordAsync(const std::string& userIdentifier,
-                                                      JovNotificationMethod notificationMethod);
-  /// @brief Future form of the older form.
-  static std::future<Result<void>> resetPasswordAsync(const std::string& emailAddress);
+                                                      JovNotificationMethod notificationMethod,
+                                                      JovCancellation cancel = {}) {
+    checkResetArguments(userIdentifier, notificationMethod);
+    return detail::runFuture(nullptr, resetPasswordRoutine(userIdentifier, notificationMethod),
+                             cancel);
+  }
+  static std::future<Result<void>> resetPasswordAsync(const std::string& emailAddress,
+                                                      JovCancellation cancel = {}) {
+    checkResetArguments(emailAddress);
+    return detail::runFuture(nullptr, resetPasswordByEmailRoutine(emailAddress), cancel);
+  }
+  /// @}
 
-  /// @brief Completes a reset with the PIN code sent by SMS, setting a new password if given.
+  /// @name completeResetPassword
+  /// @{
+  /// Completes a reset with the PIN code sent by SMS, setting a new password when given (POST
+  /// ".../password/complete-reset", anonymous). Errors before any request: 334 empty PIN, 329
+  /// identifier of neither kind, 304 invalid password. From the service: 304 (password
+  /// refused), 335 (same as the old one), 336 (password required), 334 (wrong PIN), 332
+  /// (status), 337 (PIN expired).
   static Result<void> completeResetPasswordSynchronous(const std::string& userIdentifier,
                                                        const std::string& pinCode,
-                                                       const std::optional<std::string>& password);
-  /// @brief Block form.
+                                                       const std::optional<std::string>& password) {
+    return detail::runSync(completeResetPasswordRoutine(userIdentifier, pinCode, password));
+  }
   static void completeResetPassword(const std::string& userIdentifier, const std::string& pinCode,
-                                    const std::optional<std::string>& password, JovBlock<> block);
-  /// @brief Delegate form.
+                                    const std::optional<std::string>& password, JovBlock<> block,
+                                    JovCancellation cancel = {}) {
+    detail::runClassBlock(completeResetPasswordRoutine(userIdentifier, pinCode, password),
+                          std::move(block), cancel);
+  }
   static void completeResetPassword(const std::string& userIdentifier, const std::string& pinCode,
                                     const std::optional<std::string>& password,
-                                    JovCallback callback);
-  /// @brief Future form.
+                                    JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(nullptr, completeResetPasswordRoutine(userIdentifier, pinCode, password),
+                        std::move(callback), cancel);
+  }
   static std::future<Result<void>> completeResetPasswordAsync(
       const std::string& userIdentifier, const std::string& pinCode,
-      const std::optional<std::string>& password);
+      const std::optional<std::string>& password, JovCancellation cancel = {}) {
+    return detail::runFuture(
+        nullptr, completeResetPasswordRoutine(userIdentifier, pinCode, password), cancel);
+  }
+  /// @}
 
-  /// @brief Asks for a new e-mail address; it stays pending until verified.
-  Result<void> changeEmailSynchronous(const std::string& emailAddress);
-  /// @brief Block form.
-  void changeEmail(const std::string& emailAddress, UserBlock block);
-  /// @brief Delegate form.
-  void changeEmail(const std::string& emailAddress, JovCallback callback);
-  /// @brief Future form.
-  std::future<Result<void>> changeEmailAsync(const std::string& emailAddress);
+  /// @name changeEmail
+  /// @{
+  /// Asks for a new e-mail address (PUT "/users/ID/email-address"); it stays pending until
+  /// verified. Errors: 305 invalid address; 501 no ID; 311 any refusal of the service.
+  Result<void> changeEmailSynchronous(const std::string& emailAddress) {
+    return detail::runSync(changeEmailRoutine(emailAddress));
+  }
+  void changeEmail(const std::string& emailAddress, UserBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), changeEmailRoutine(emailAddress), std::move(block), cancel);
+  }
+  void changeEmail(const std::string& emailAddress, JovCallback callback,
+                   JovCancellation cancel = {}) {
+    detail::runCallback(self(), changeEmailRoutine(emailAddress), std::move(callback), cancel);
+  }
+  std::future<Result<void>> changeEmailAsync(const std::string& emailAddress,
+                                             JovCancellation cancel = {}) {
+    return detail::runFuture(self(), changeEmailRoutine(emailAddress), cancel);
+  }
+  /// @}
 
-  /// @brief Asks for a new phone number; it stays pending until verified.
-  Result<void> changePhoneSynchronous(const std::string& phoneNumber);
-  /// @brief Block form.
-  void changePhone(const std::string& phoneNumber, UserBlock block);
-  /// @brief Delegate form.
-  void changePhone(const std::string& phoneNumber, JovCallback callback);
-  /// @brief Future form.
-  std::future<Result<void>> changePhoneAsync(const std::string& phoneNumber);
+  /// @name changePhone
+  /// @{
+  /// Asks for a new phone number (PUT "/users/ID/phone-number"); it stays pending until
+  /// verified. Errors: 308 invalid number; 501 no ID; 312 any refusal of the service.
+  Result<void> changePhoneSynchronous(const std::string& phoneNumber) {
+    return detail::runSync(changePhoneRoutine(phoneNumber));
+  }
+  void changePhone(const std::string& phoneNumber, UserBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), changePhoneRoutine(phoneNumber), std::move(block), cancel);
+  }
+  void changePhone(const std::string& phoneNumber, JovCallback callback,
+                   JovCancellation cancel = {}) {
+    detail::runCallback(self(), changePhoneRoutine(phoneNumber), std::move(callback), cancel);
+  }
+  std::future<Result<void>> changePhoneAsync(const std::string& phoneNumber,
+                                             JovCancellation cancel = {}) {
+    return detail::runFuture(self(), changePhoneRoutine(phoneNumber), cancel);
+  }
+  /// @}
 
-  /// @brief Verifies the phone number with the code sent by SMS.
-  Result<void> verifyPhoneNumberSynchronous(const std::string& verificationCode);
-  /// @brief Block form.
-  void verifyPhoneNumber(const std::string& verificationCode, UserBlock block);
-  /// @brief Delegate form.
-  void verifyPhoneNumber(const std::string& verificationCode, JovCallback callback);
-  /// @brief Future form.
-  std::future<Result<void>> verifyPhoneNumberAsync(const std::string& verificationCode);
+  /// @name verifyPhoneNumber
+  /// @{
+  /// Verifies the phone number with the code sent by SMS (POST
+  /// "/users/ID/phone-number/verify"). Errors: 501 no ID; 313 any refusal of the service.
+  Result<void> verifyPhoneNumberSynchronous(const std::string& verificationCode) {
+    return detail::runSync(verifyPhoneNumberRoutine(verificationCode));
+  }
+  void verifyPhoneNumber(const std::string& verificationCode, UserBlock block,
+                         JovCancellation cancel = {}) {
+    detail::runBlock(self(), verifyPhoneNumberRoutine(verificationCode), std::move(block), cancel);
+  }
+  void verifyPhoneNumber(const std::string& verificationCode, JovCallback callback,
+                         JovCancellation cancel = {}) {
+    detail::runCallback(self(), verifyPhoneNumberRoutine(verificationCode), std::move(callback),
+                        cancel);
+  }
+  std::future<Result<void>> verifyPhoneNumberAsync(const std::string& verificationCode,
+                                                   JovCancellation cancel = {}) {
+    return detail::runFuture(self(), verifyPhoneNumberRoutine(verificationCode), cancel);
+  }
+  /// @}
 
-  /// @brief Sends the e-mail verification again.
-  Result<void> resendEmailVerificationSynchronous();
-  /// @brief Block form.
-  void resendEmailVerification(UserBlock block);
-  /// @brief Delegate form.
-  void resendEmailVerification(JovCallback callback);
-  /// @brief Future form.
-  std::future<Result<void>> resendEmailVerificationAsync();
+  /// @name resendEmailVerification
+  /// @{
+  /// Sends the e-mail verification again (POST ".../email-address/resend-verification").
+  /// Errors: 501 no ID.
+  Result<void> resendEmailVerificationSynchronous() {
+    return detail::runSync(resendEmailVerificationRoutine());
+  }
+  void resendEmailVerification(UserBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), resendEmailVerificationRoutine(), std::move(block), cancel);
+  }
+  void resendEmailVerification(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), resendEmailVerificationRoutine(), std::move(callback), cancel);
+  }
+  std::future<Result<void>> resendEmailVerificationAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(self(), resendEmailVerificationRoutine(), cancel);
+  }
+  /// @}
 
-  /// @brief Sends the phone verification code again.
-  Result<void> resendPhoneNumberVerificationSynchronous();
-  /// @brief Block form.
-  void resendPhoneNumberVerification(UserBlock block);
-  /// @brief Delegate form.
-  void resendPhoneNumberVerification(JovCallback callback);
-  /// @brief Future form.
-  std::future<Result<void>> resendPhoneNumberVerificationAsync();
+  /// @name resendPhoneNumberVerification
+  /// @{
+  /// Sends the phone verification code again (POST ".../phone-number/resend-verification").
+  /// Errors: 501 no ID.
+  Result<void> resendPhoneNumberVerificationSynchronous() {
+    return detail::runSync(resendPhoneNumberVerificationRoutine());
+  }
+  void resendPhoneNumberVerification(UserBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), resendPhoneNumberVerificationRoutine(), std::move(block), cancel);
+  }
+  void resendPhoneNumberVerification(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), resendPhoneNumberVerificationRoutine(), std::move(callback),
+                        cancel);
+  }
+  std::future<Result<void>> resendPhoneNumberVerificationAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(self(), resendPhoneNumberVerificationRoutine(), cancel);
+  }
+  /// @}
 
-  /// @brief Deletes the user on the service; then logs out, whichever user it was.
-  Result<void> deleteSynchronous();
-  /// @brief Block form.
-  void deleteWithBlock(UserBlock block);
-  /// @brief Delegate form.
-  void deleteWithCallback(JovCallback callback);
-  /// @brief Future form.
-  std::future<Result<void>> deleteAsync();
+  /// @name delete
+  /// @{
+  /// Deletes the user on the service (DELETE "/users/ID"); then logs out, whichever user it
+  /// was. Errors: 501 no ID.
+  Result<void> deleteSynchronous() { return detail::runSync(deleteRoutine()); }
+  void deleteWithBlock(UserBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), deleteRoutine(), std::move(block), cancel);
+  }
+  void deleteWithCallback(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), deleteRoutine(), std::move(callback), cancel);
+  }
+  std::future<Result<void>> deleteAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(self(), deleteRoutine(), cancel);
+  }
+  /// @}
 
   // ------------------------------------------------------------------ lookup
 
-  /// @brief The user with this login name.
-  static Result<Ptr> findUserByUsernameSynchronous(const std::string& username);
-  /// @brief Block form; raises std::invalid_argument("completion can not be nil") without block.
-  static void findUserByUsername(const std::string& username, UserBlock block);
-  /// @brief Delegate form.
-  static void findUserByUsername(const std::string& username, JovCallback callback);
-  /// @brief Future form.
-  static std::future<Result<Ptr>> findUserByUsernameAsync(const std::string& username);
-
-  /// @brief The user with this e-mail address.
-  static Result<Ptr> findUserByEmailSynchronous(const std::string& email);
-  /// @brief Block form; raises std::invalid_argument("completion can not be nil") without block.
-  static void findUserByEmail(const std::string& email, UserBlock block);
-  /// @brief Delegate form.
-  static void findUserByEmail(const std::string& email, JovCallback callback);
-  /// @brief Future form.
-  static std::future<Result<Ptr>> findUserByEmailAsync(const std::string& email);
-
-  /// @brief The user with this phone number.
-  static Result<Ptr> findUserByPhoneSynchronous(const std::string& phoneNumber);
-  /// @brief Block form; raises std::invalid_argument("completion can not be nil") without block.
-  static void findUserByPhone(const std::string& phoneNumber, UserBlock block);
-  /// @brief Delegate form.
-  static void findUserByPhone(const std::string& phoneNumber, JovCallback callback);
-  /// @brief Future form.
-  static std::future<Result<Ptr>> findUserByPhoneAsync(const std::string& phoneNumber);
+  /// @name findUserByUsername, findUserByEmail, findUserByPhone
+  /// @{
+  /// The user with this login name, e-mail address or phone number (GET
+  /// "/users/LOGIN_NAME:…", "EMAIL:…", "PHONE:…"). Errors before any request: 307, 305, 308 for
+  /// an invalid value; 202 for an unreadable record. The block is required.
+  static Result<Ptr> findUserByUsernameSynchronous(const std::string& username) {
+    return detail::runSync(findUserRoutine(FindBy::Username, username));
+  }
+  static void findUserByUsername(const std::string& username, UserBlock block,
+                                 JovCancellation cancel = {}) {
+    detail::runClassBlock(findUserRoutine(FindBy::Username, username), std::move(block), cancel);
+  }
+  static void findUserByUsername(const std::string& username, JovCallback callback,
+                                 JovCancellation cancel = {}) {
+    detail::runCallback(nullptr, findUserRoutine(FindBy::Username, username), std::move(callback),
+                        cancel);
+  }
+  static std::future<Result<Ptr>> findUserByUsernameAsync(const std::string& username,
+                                                          JovCancellation cancel = {}) {
+    return detail::runFuture(nullptr, findUserRoutine(FindBy::Username, username), cancel);
+  }
+  static Result<Ptr> findUserByEmailSynchronous(const std::string& email) {
+    return detail::runSync(findUserRoutine(FindBy::Email, email));
+  }
+  static void findUserByEmail(const std::string& email, UserBlock block,
+                              JovCancellation cancel = {}) {
+    detail::runClassBlock(findUserRoutine(FindBy::Email, email), std::move(block), cancel);
+  }
+  static void findUserByEmail(const std::string& email, JovCallback callback,
+                              JovCancellation cancel = {}) {
+    detail::runCallback(nullptr, findUserRoutine(FindBy::Email, email), std::move(callback),
+                        cancel);
+  }
+  static std::future<Result<Ptr>> findUserByEmailAsync(const std::string& email,
+                                                       JovCancellation cancel = {}) {
+    return detail::runFuture(nullptr, findUserRoutine(FindBy::Email, email), cancel);
+  }
+  static Result<Ptr> findUserByPhoneSynchronous(const std::string& phoneNumber) {
+    return detail::runSync(findUserRoutine(FindBy::Phone, phoneNumber));
+  }
+  static void findUserByPhone(const std::string& phoneNumber, UserBlock block,
+                              JovCancellation cancel = {}) {
+    detail::runClassBlock(findUserRoutine(FindBy::Phone, phoneNumber), std::move(block), cancel);
+  }
+  static void findUserByPhone(const std::string& phoneNumber, JovCallback callback,
+                              JovCancellation cancel = {}) {
+    detail::runCallback(nullptr, findUserRoutine(FindBy::Phone, phoneNumber), std::move(callback),
+                        cancel);
+  }
+  static std::future<Result<Ptr>> findUserByPhoneAsync(const std::string& phoneNumber,
+                                                       JovCancellation cancel = {}) {
+    return detail::runFuture(nullptr, findUserRoutine(FindBy::Phone, phoneNumber), cancel);
+  }
+  /// @}
 
   // ------------------------------------------------------------------ groups
 
@@ -535,27 +853,53 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
   friend struct detail::UserAccess;
   friend class JovUserBuilder;
 
-  // One blocking routine per operation; the public forms call these.
-  Result<void> registrationRoutine();
+  // One routine per operation; the public forms above run it.
+  enum class FindBy { Username, Email, Phone };
+  static detail::Routine<Ptr> storedCredentialsRoutine();
+  detail::Routine<void> registrationRoutine();
+  static detail::Routine<Ptr> pseudoRegistrationRoutine(JovUserFields userFields);
   detail::Routine<void> authenticateRoutine();
-  Result<void> putIdentityRoutine(JovIdentityData identityData, JovUserFields userFields,
-                                  std::string password);
+  static detail::Routine<Ptr> loginRoutine(Result<Ptr> user);
+  static detail::Routine<Ptr> passwordLoginRoutine(std::string identifier, std::string password);
+  static detail::Routine<Ptr> localPhoneLoginRoutine(std::string phoneNumber, std::string password,
+                                                     std::string countryCode);
+  static detail::Routine<Ptr> tokenLoginRoutine(std::string token,
+                                                std::optional<TimePoint> expiresAt,
+                                                std::string refreshToken);
+  detail::Routine<void> putIdentityRoutine(JovIdentityData identityData, JovUserFields userFields,
+                                           std::string password);
   detail::Routine<void> refreshRoutine();
   detail::Routine<Groups> memberOfGroupsRoutine();
   detail::Routine<Groups> ownerOfGroupsRoutine();
-  Result<void> saveRoutine();
-  Result<void> updateIdentityRoutine(std::optional<JovIdentityData> identityData,
-                                     JovUserFields userFields);
-  Result<void> updateIdentityDataRoutine(JovIdentityData identityData, JovUserFields userFields);
-  Result<void> updateUserFieldsRoutine(JovUserFields userFields);
-  Result<void> updatePasswordRoutine(std::string fromPassword, std::string newPassword);
-  Result<void> changeEmailRoutine(std::string emailAddress);
-  Result<void> changePhoneRoutine(std::string phoneNumber);
-  Result<void> verifyPhoneNumberRoutine(std::string verificationCode);
-  Result<void> resendVerificationRoutine(std::string kind);
-  Result<void> resendEmailVerificationRoutine();
-  Result<void> resendPhoneNumberVerificationRoutine();
-  Result<void> deleteRoutine();
+  detail::Routine<void> saveRoutine();
+  detail::Routine<void> updateIdentityRoutine(std::optional<JovIdentityData> identityData,
+                                              JovUserFields userFields);
+  detail::Routine<void> updatePasswordRoutine(std::string fromPassword, std::string newPassword);
+  static detail::Routine<void> resetPasswordRoutine(std::string identifier,
+                                                    JovNotificationMethod method);
+  static detail::Routine<void> resetPasswordByEmailRoutine(std::string emailAddress);
+  static detail::Routine<void> completeResetPasswordRoutine(std::string identifier,
+                                                            std::string pinCode,
+                                                            std::optional<std::string> password);
+  detail::Routine<void> changeEmailRoutine(std::string emailAddress);
+  detail::Routine<void> changePhoneRoutine(std::string phoneNumber);
+  detail::Routine<void> verifyPhoneNumberRoutine(std::string verificationCode);
+  detail::Routine<void> resendEmailVerificationRoutine();
+  detail::Routine<void> resendPhoneNumberVerificationRoutine();
+  detail::Routine<void> deleteRoutine();
+  static detail::Routine<Ptr> findUserRoutine(FindBy kind, std::string value);
+
+  // Misuse checks of the public forms: they raise std::invalid_argument on the caller's thread.
+  static void checkToken(const std::string& token);
+  static const std::string& checkedToken(const std::string& token) {
+    checkToken(token);
+    return token;
+  }
+  static void checkTokenArguments(const std::string& token,
+                                  const std::optional<TimePoint>& expiresAt,
+                                  const std::string& refreshToken);
+  static void checkResetArguments(const std::string& identifier, JovNotificationMethod method);
+  static void checkResetArguments(const std::string& emailAddress);
 
   Ptr self() { return shared_from_this(); }
   bool isLoggedInUser() const;

@@ -14,11 +14,16 @@ JovError applyErrorRules(const JovError& error, ErrorRules rules) {
   std::transform(serverCode.begin(), serverCode.end(), serverCode.begin(),
                  [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
   const std::string message = error.jovErrorMessage().value_or("");
+  std::string lowerMessage = message;
+  std::transform(lowerMessage.begin(), lowerMessage.end(), lowerMessage.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   const int status = error.jovHttpStatus();
   for (const ErrorRule& rule : rules) {
     if (rule.status != 0 && rule.status != status) continue;
     if (rule.serverCode != nullptr && serverCode != rule.serverCode) continue;
     if (rule.message != nullptr && message != rule.message) continue;
+    if (rule.messagePart != nullptr && lowerMessage.find(rule.messagePart) == std::string::npos)
+      continue;
     return JovError::errorWithCode(rule.code, error.userInfo());
   }
   return error;

@@ -28,13 +28,15 @@
 
 namespace jov::detail {
 
-/// One row of an error table: an HTTP status (0: any), an upper-cased "errorCode" or a message
-/// text (nullptr: any), and the code a matching error becomes.
+/// One row of an error table: an HTTP status (0: any), an upper-cased "errorCode", a message
+/// text, a lower-case part the message contains in any case (nullptr: any), and the code a
+/// matching error becomes.
 struct ErrorRule {
   int status = 0;
   const char* serverCode = nullptr;
   const char* message = nullptr;
   int code = 0;
+  const char* messagePart = nullptr;
 };
 constexpr ErrorRule onStatus(int status, int code) {
   return {status, nullptr, nullptr, code};
@@ -47,6 +49,11 @@ constexpr ErrorRule onStatusAndCode(int status, const char* serverCode, int code
 }
 constexpr ErrorRule onMessage(const char* message, int code) {
   return {0, nullptr, message, code};
+}
+/// The service tells some causes apart only in its message: "INVALID_INPUT_DATA" with a message
+/// that contains `part` (compared in lower case).
+constexpr ErrorRule onMessagePart(int status, const char* serverCode, const char* part, int code) {
+  return {status, serverCode, nullptr, code, part};
 }
 constexpr ErrorRule onAny(int code) {
   return {0, nullptr, nullptr, code};

@@ -43,107 +43,67 @@ JovUser::TimePoint expiryOf(const nlohmann::json& answer) {
   return detail::distantFuture();
 }
 
-Result<JovUser::Ptr> loginWith(const JovUser::Ptr& user) {
-  auto login = detail::runSync(UserAccess::authenticate(*user));
-  if (!login) return login.error();
-  return user;
-}
+constexpr detail::ErrorRule kRegistrationErrors[] = {
+    detail::onCode("USER_ALREADY_EXISTS", JovError::codeDuplicateEntry()),
+};
+constexpr detail::Exchange kRegister{JovMethodPost,
+                                     "/users",
+                                     {.contentType = detail::kRegistrationRequest,
+                                      .anonymous = true,
+                                      .errors = kRegistrationErrors}};
+constexpr detail::Exchange kRegisterPseudo{
+    JovMethodPost,
+    "/users",
+    {.contentType = detail::kRegistrationAndAuthorizationRequest, .anonymous = true}};
+constexpr detail::Exchange kLogin{JovMethodPost, "/oauth2/token", {.anonymous = true}};
+// The token login sends the given token itself, not the current user's.
+constexpr detail::Exchange kTokenLogin{JovMethodGet, "/users/me", {.anonymous = true}};
 
-void checkToken(const std::string& token) {
-  if (token.empty()) throw std::invalid_argument("token must not nil or empty");
-}
-
-void checkTokenArguments(const std::string& token,
-                         const std::optional<JovUser::TimePoint>& expiresAt,
-                         const std::string& refreshToken) {
-  checkToken(token);
-  if (refreshToken.empty()) throw std::invalid_argument("refreshToken must not nil or empty");
-  if (!expiresAt) throw std::invalid_argument("expiresAt must not nil");
-}
-
-Result<JovUser::Ptr> tokenLogin(const std::string& token,
-                                const std::optional<JovUser::TimePoint>& expiresAt,
-                                const std::string& refreshToken) {
-  JovUser::logOut();
-  JovRequest request = detail::makeRequest("/users/me", JovMethodGet);
-  request.anonymous = true;
-  request.customHeaders.push_back({"Authorization", "Bearer " + token});
-  JovResponse response = request.makeSynchronousRequest();
-  if (!response.ok()) return *response.error;
-  if (!response.json.is_object()) return errorOf(JovError::codeUnableToParseResponse());
-
-  auto user = UserAccess::create();
-  user->loadFromJSON(response.json);
-  if (user->userID().empty()) return errorOf(JovError::codeUnableToParseResponse());
-  UserAccess::setAccessToken(*user, token);
-  if (expiresAt) UserAccess::setExpiresAt(*user, expiresAt);
-  if (!refreshToken.empty()) UserAccess::setRefreshToken(*user, refreshToken);
-  detail::makeCurrent(user);
-  detail::storeCurrentUserInfoOrLog();
-  return user;
-}
-
-Result<JovUser::Ptr> pseudoRegistration(const JovUserFields& fields) {
-  JovUser::logOut();
-  if (auto invalid = fields.validate()) return *invalid;
-  nlohmann::json body = fields.toJSON();
-  JovRequest request =
-      detail::makeRequest("/users", JovMethodPost, detail::kRegistrationAndAuthorizationRequest);
-  request.anonymous = true;
-  request.postData = body;
-  JovResponse response = request.makeSynchronousRequest();
-  if (!response.ok()) return *response.error;
-  auto token = jsonString(response.json, "_accessToken");
-  if (!token || token->empty()) return errorOf(JovError::codeUnableToParseResponse());
-
-  body.update(response.json);
-  auto user = UserAccess::create();
-  user->loadFromJSON(body);
-  if (user->userID().empty()) return errorOf(JovError::codeUnableToParseResponse());
-  UserAccess::setTokens(*user, *token, "", detail::distantFuture());
-  // A pseudo user has no password to log in with again, so nothing is stored.
-  detail::makeCurrent(user);
-  return user;
-}
-
-Result<JovUser::Ptr> passwordLogin(const std::string& identifier, const std::string& password) {
-  JovUser::logOut();
+// The user a password login builds: the identifier is tried as an e-mail address, a login name,
+// then an international phone number.
+Result<JovUser::Ptr> passwordUser(const std::string& identifier, const std::string& password) {
   if (!passwordIsValid(password)) return errorOf(JovError::codeInvalidPasswordFormat());
-  JovUser::Ptr user;
-  if (emailIsValid(identifier))
-    user = JovUser::userWithEmailAddress(identifier, password);
-  else if (usernameIsValid(identifier))
-    user = JovUser::userWithUsername(identifier, password);
-  else if (internationalPhoneNumberIsValid(identifier))
-    user = JovUser::userWithPhoneNumber(identifier, password);
-  else
-    return errorOf(JovError::codeInvalidUsername());
-  return loginWith(user);
+  if (emailIsValid(identifier)) return JovUser::userWithEmailAddress(identifier, password);
+  if (usernameIsValid(identifier)) return JovUser::userWithUsername(identifier, password);
+  if (internationalPhoneNumberIsValid(identifier))
+    return JovUser::userWithPhoneNumber(identifier, password);
+  return errorOf(JovError::codeInvalidUsername());
 }
 
-Result<JovUser::Ptr> localPhoneLogin(const std::string& phone, const std::string& password,
-                                     const std::string& country) {
-  JovUser::logOut();
+Result<JovUser::Ptr> localPhoneUser(const std::string& phone, const std::string& password,
+                                    const std::string& country) {
   if (!localPhoneNumberIsValid(phone)) return errorOf(JovError::codeInvalidLocalPhoneFormat());
   if (!passwordIsValid(password)) return errorOf(JovError::codeInvalidPasswordFormat());
   if (!countryCodeIsValid(country)) return errorOf(JovError::codeInvalidCountryCode());
   auto user = JovUser::userWithPhoneNumber(phone, password);
   UserAccess::country(*user) = country;
-  return loginWith(user);
+  return user;
 }
 
 }  // namespace
 
+void JovUser::checkToken(const std::string& token) {
+  if (token.empty()) throw std::invalid_argument("token must not nil or empty");
+}
+
+void JovUser::checkTokenArguments(const std::string& token,
+                                  const std::optional<TimePoint>& expiresAt,
+                                  const std::string& refreshToken) {
+  checkToken(token);
+  if (refreshToken.empty()) throw std::invalid_argument("refreshToken must not nil or empty");
+  if (!expiresAt) throw std::invalid_argument("expiresAt must not nil");
+}
+
 // ------------------------------------------------------------------ registration
 
-Result<void> JovUser::registrationRoutine() {
+detail::Routine<void> JovUser::registrationRoutine() {
   logOut();
   auto invalid = [this](int code) {
     validationError_ = JovError::errorWithCode(code);
     return *validationError_;
   };
   if (password_.empty() || (username_.empty() && email_.empty() && phoneNumber_.empty()))
-    return invalid(JovError::codeInvalidUserObject());
+    co_return invalid(JovError::codeInvalidUserObject());
 
   nlohmann::json body = nlohmann::json::object();
   body["password"] = password_;
@@ -152,12 +112,12 @@ Result<void> JovUser::registrationRoutine() {
   if (!displayName_.empty()) body["displayName"] = displayName_;
   if (!email_.empty()) {
     if (validateFields_ && !emailIsValid(email_))
-      return invalid(JovError::codeInvalidEmailFormat());
+      co_return invalid(JovError::codeInvalidEmailFormat());
     body["emailAddress"] = email_;
   }
   if (!phoneNumber_.empty()) {
     if (validateFields_ && !phoneNumberIsValid(phoneNumber_))
-      return invalid(JovError::codeInvalidPhoneFormat());
+      co_return invalid(JovError::codeInvalidPhoneFormat());
     body["phoneNumber"] = phoneNumber_;
   }
   if (!country_.empty()) body["country"] = country_;
@@ -165,57 +125,36 @@ Result<void> JovUser::registrationRoutine() {
   for (const auto& [key, value] : customInfo_.items())
     if (validate(value, key)) body[key] = value;
 
-  JovRequest request = detail::makeRequest("/users", JovMethodPost, detail::kRegistrationRequest);
-  request.anonymous = true;
-  request.postData = body;
-  JovResponse response = request.makeSynchronousRequest();
-  if (!response.ok()) {
-    const JovError& error = *response.error;
-    if (error.code() > 0) return error;
-    if (detail::serverCodeOf(error) == "USER_ALREADY_EXISTS")
-      return detail::mappedError(JovError::codeDuplicateEntry(), error);
-    return error;  // code 0: the caller reads "http_status" and "server_code"
-  }
-  if (!response.json.is_object())
-    return JovError::errorWithCode(JovError::codeUnableToParseResponse());
+  auto answer = co_await detail::send(kRegister, detail::args().json(body));
+  if (!answer) co_return answer.error();  // code 0: the caller reads "http_status", "server_code"
+  if (!answer->json.is_object()) co_return detail::unreadableAnswer();
 
   // The answer holds little more than the ID; what was sent is the rest of the record.
   body.erase("password");
-  body.update(response.json);
-  loadFromJSON(body);
-  return detail::runSync(authenticateRoutine());
+  body.update(answer->json);
+  if (!loadFromJSON(body)) co_return detail::unreadableAnswer();
+  co_return co_await authenticateRoutine();
 }
 
-Result<void> JovUser::performRegistrationSynchronous() {
-  return registrationRoutine();
-}
-void JovUser::performRegistration(UserBlock block) {
-  detail::runBlock(detail::withSelf(self(), &JovUser::registrationRoutine), std::move(block));
-}
-void JovUser::performRegistration(JovCallback callback) {
-  detail::runCallback(detail::withSelf(self(), &JovUser::registrationRoutine), std::move(callback));
-}
-std::future<Result<void>> JovUser::performRegistrationAsync() {
-  return detail::runFuture(detail::bind(self(), &JovUser::registrationRoutine));
-}
+detail::Routine<JovUser::Ptr> JovUser::pseudoRegistrationRoutine(JovUserFields userFields) {
+  logOut();
+  if (auto invalid = userFields.validate()) co_return *invalid;
+  nlohmann::json body = userFields.toJSON();
+  auto answer = co_await detail::send(kRegisterPseudo, detail::args().json(body));
+  if (!answer) co_return answer.error();
+  auto token = jsonString(answer->json, "_accessToken");
+  if (!token || token->empty()) co_return detail::unreadableAnswer();
 
-Result<JovUser::Ptr> JovUser::registerAsPseudoUserSynchronous(const JovUserFields& userFields) {
-  return pseudoRegistration(userFields);
-}
-void JovUser::registerAsPseudoUser(const JovUserFields& userFields, UserBlock block) {
-  detail::runClassBlock([userFields] { return pseudoRegistration(userFields); }, std::move(block));
-}
-void JovUser::registerAsPseudoUser(const JovUserFields& userFields, JovCallback callback) {
-  detail::runCallback([userFields] { return pseudoRegistration(userFields); }, std::move(callback));
-}
-std::future<Result<JovUser::Ptr>> JovUser::registerAsPseudoUserAsync(
-    const JovUserFields& userFields) {
-  return detail::runFuture([userFields] { return pseudoRegistration(userFields); });
+  body.update(answer->json);
+  auto user = UserAccess::create();
+  if (!user->loadFromJSON(body) || user->userID().empty()) co_return detail::unreadableAnswer();
+  UserAccess::setTokens(*user, *token, "", detail::distantFuture());
+  // A pseudo user has no password to log in with again, so nothing is stored.
+  detail::makeCurrent(user);
+  co_return user;
 }
 
 // ------------------------------------------------------------------ the login exchange
-
-constexpr detail::Exchange kLogin{JovMethodPost, "/oauth2/token", {.anonymous = true}};
 
 detail::Routine<void> JovUser::authenticateRoutine() {
   logOut();
@@ -248,109 +187,45 @@ detail::Routine<void> JovUser::authenticateRoutine() {
   co_return {};
 }
 
-Result<JovUser::Ptr> JovUser::authenticateSynchronous(const std::string& identifier,
-                                                      const std::string& password) {
-  return passwordLogin(identifier, password);
-}
-void JovUser::authenticate(const std::string& identifier, const std::string& password,
-                           UserBlock block) {
-  detail::runClassBlock([=] { return passwordLogin(identifier, password); }, std::move(block));
-}
-void JovUser::authenticate(const std::string& identifier, const std::string& password,
-                           JovCallback callback) {
-  detail::runCallback([=] { return passwordLogin(identifier, password); }, std::move(callback));
-}
-std::future<Result<JovUser::Ptr>> JovUser::authenticateAsync(const std::string& identifier,
-                                                             const std::string& password) {
-  return detail::runFuture([=] { return passwordLogin(identifier, password); });
+detail::Routine<JovUser::Ptr> JovUser::loginRoutine(Result<Ptr> user) {
+  // Every login logs out first, so that a failed attempt, refused input included, leaves no
+  // current user.
+  logOut();
+  if (!user) co_return user.error();
+  auto login = co_await user.value()->authenticateRoutine();
+  if (!login) co_return login.error();
+  co_return user.value();
 }
 
-Result<JovUser::Ptr> JovUser::authenticateWithLocalPhoneNumberSynchronous(
-    const std::string& phoneNumber, const std::string& password, const std::string& countryCode) {
-  return localPhoneLogin(phoneNumber, password, countryCode);
+detail::Routine<JovUser::Ptr> JovUser::passwordLoginRoutine(std::string identifier,
+                                                            std::string password) {
+  return loginRoutine(passwordUser(identifier, password));
 }
-void JovUser::authenticateWithLocalPhoneNumber(const std::string& phoneNumber,
-                                               const std::string& password,
-                                               const std::string& countryCode, UserBlock block) {
-  detail::runClassBlock([=] { return localPhoneLogin(phoneNumber, password, countryCode); },
-                        std::move(block));
-}
-void JovUser::authenticateWithLocalPhoneNumber(const std::string& phoneNumber,
-                                               const std::string& password,
-                                               const std::string& countryCode,
-                                               JovCallback callback) {
-  detail::runCallback([=] { return localPhoneLogin(phoneNumber, password, countryCode); },
-                      std::move(callback));
-}
-std::future<Result<JovUser::Ptr>> JovUser::authenticateWithLocalPhoneNumberAsync(
-    const std::string& phoneNumber, const std::string& password, const std::string& countryCode) {
-  return detail::runFuture([=] { return localPhoneLogin(phoneNumber, password, countryCode); });
+
+detail::Routine<JovUser::Ptr> JovUser::localPhoneLoginRoutine(std::string phoneNumber,
+                                                              std::string password,
+                                                              std::string countryCode) {
+  return loginRoutine(localPhoneUser(phoneNumber, password, countryCode));
 }
 
 // ------------------------------------------------------------------ token login
 
-Result<JovUser::Ptr> JovUser::authenticateWithTokenSynchronous(const std::string& token) {
-  checkToken(token);
-  return tokenLogin(token, std::nullopt, "");
+detail::Routine<JovUser::Ptr> JovUser::tokenLoginRoutine(std::string token,
+                                                         std::optional<TimePoint> expiresAt,
+                                                         std::string refreshToken) {
+  logOut();
+  auto answer =
+      co_await detail::send(kTokenLogin, detail::args().header("Authorization", "Bearer " + token));
+  if (!answer) co_return answer.error();
+  auto user = UserAccess::create();
+  if (!user->loadFromJSON(answer->json) || user->userID().empty())
+    co_return detail::unreadableAnswer();
+  UserAccess::setAccessToken(*user, token);
+  if (expiresAt) UserAccess::setExpiresAt(*user, expiresAt);
+  if (!refreshToken.empty()) UserAccess::setRefreshToken(*user, refreshToken);
+  detail::makeCurrent(user);
+  detail::storeCurrentUserInfoOrLog();
+  co_return user;
 }
-Result<JovUser::Ptr> JovUser::authenticateWithTokenSynchronous(const std::string& token,
-                                                               TimePoint expiresAt) {
-  checkToken(token);
-  return tokenLogin(token, expiresAt, "");
-}
-Result<JovUser::Ptr> JovUser::authenticateWithTokenSynchronous(const std::string& token,
-                                                               std::optional<TimePoint> expiresAt,
-                                                               const std::string& refreshToken) {
-  checkTokenArguments(token, expiresAt, refreshToken);
-  return tokenLogin(token, expiresAt, refreshToken);
-}
-
-void JovUser::authenticateWithToken(const std::string& token, UserBlock block) {
-  checkToken(token);
-  detail::runClassBlock([=] { return tokenLogin(token, std::nullopt, ""); }, std::move(block));
-}
-void JovUser::authenticateWithToken(const std::string& token, TimePoint expiresAt,
-                                    UserBlock block) {
-  checkToken(token);
-  detail::runClassBlock([=] { return tokenLogin(token, expiresAt, ""); }, std::move(block));
-}
-void JovUser::authenticateWithToken(const std::string& token, std::optional<TimePoint> expiresAt,
-                                    const std::string& refreshToken, UserBlock block) {
-  checkTokenArguments(token, expiresAt, refreshToken);
-  detail::runClassBlock([=] { return tokenLogin(token, expiresAt, refreshToken); },
-                        std::move(block));
-}
-void JovUser::authenticateWithToken(const std::string& token, JovCallback callback) {
-  checkToken(token);
-  detail::runCallback([=] { return tokenLogin(token, std::nullopt, ""); }, std::move(callback));
-}
-void JovUser::authenticateWithToken(const std::string& token, TimePoint expiresAt,
-                                    JovCallback callback) {
-  checkToken(token);
-  detail::runCallback([=] { return tokenLogin(token, expiresAt, ""); }, std::move(callback));
-}
-void JovUser::authenticateWithToken(const std::string& token, std::optional<TimePoint> expiresAt,
-                                    const std::string& refreshToken, JovCallback callback) {
-  checkTokenArguments(token, expiresAt, refreshToken);
-  detail::runCallback([=] { return tokenLogin(token, expiresAt, refreshToken); },
-                      std::move(callback));
-}
-std::future<Result<JovUser::Ptr>> JovUser::authenticateWithTokenAsync(const std::string& token) {
-  checkToken(token);
-  return detail::runFuture([=] { return tokenLogin(token, std::nullopt, ""); });
-}
-std::future<Result<JovUser::Ptr>> JovUser::authenticateWithTokenAsync(const std::string& token,
-                                                                      TimePoint expiresAt) {
-  checkToken(token);
-  return detail::runFuture([=] { return tokenLogin(token, expiresAt, ""); });
-}
-std::future<Result<JovUser::Ptr>> JovUser::authenticateWithTokenAsync(
-    const std::string& token, std::optional<TimePoint> expiresAt, const std::string& refreshToken) {
-  checkTokenArguments(token, expiresAt, refreshToken);
-  return detail::runFuture([=] { return tokenLogin(token, expiresAt, refreshToken); });
-}
-
-// ------------------------------------------------------------------ refresh-token exchange
-
 
 }  // namespace jov

@@ -9,7 +9,7 @@
 #include <string>
 #include <utility>
 
-#include "core/async_forms.hpp"
+#include "jov/detail/task.hpp"
 #include "jov/error.hpp"
 #include "jov/request.hpp"
 #include "jov/result.hpp"
@@ -111,18 +111,5 @@ Routine<nlohmann::json> refreshAccessTokenRoutine(std::string refreshToken);
 Task<std::optional<JovError>> refreshTokenIfNeedRoutine();
 // Waits until this many threads wait for a refresh in flight (tests only).
 bool waitForRefreshWaiters(int count, std::chrono::milliseconds limit);
-
-// ------------------------------------------------------------------ class-operation forms
-
-inline void requireCompletion(bool present) {
-  if (!present) throw std::invalid_argument("completion can not be nil");
-}
-
-// The block form of a class operation: raises without a block, then runs the work on a worker.
-template <class Work, class Block>
-void runClassBlock(Work work, Block block) {
-  requireCompletion(static_cast<bool>(block));
-  runBlock(std::move(work), std::move(block));
-}
 
 }  // namespace jov::detail

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <limits>
 
+#include "core/fields.hpp"
 #include "jov/application.hpp"
 #include "jov/encoding.hpp"
 #include "jov/logger.hpp"
@@ -57,10 +58,6 @@ std::optional<std::int64_t> requestedTokenExpiry() {
 
 namespace {
 
-const std::string* stringValue(const nlohmann::json& v) {
-  return v.is_string() ? v.get_ptr<const std::string*>() : nullptr;
-}
-
 std::optional<JovUser::TimePoint> dateValue(const nlohmann::json& v) {
   if (!v.is_number()) return std::nullopt;
   return detail::fromMillis(v.get<double>());
@@ -81,66 +78,71 @@ std::optional<JovSocialAccountInfo> socialAccount(JovSocialNetwork provider,
 
 }  // namespace
 
-void JovUser::loadFromJSON(const nlohmann::json& record) {
-  if (!record.is_object()) return;
+bool JovUser::loadFromJSON(const nlohmann::json& record) {
+  using detail::JsonType;
+  using F = detail::Field<JovUser>;
+  static const F kFields[] = {
+      {"userID", JsonType::String, [](JovUser& u, const nlohmann::json& v) { u.uuid_ = v; }},
+      {"id", JsonType::String, [](JovUser& u, const nlohmann::json& v) { u.uuid_ = v; }},
+      {"createdAt", JsonType::Number,
+       [](JovUser& u, const nlohmann::json& v) { u.created_ = *dateValue(v); }},
+      {"_created", JsonType::Number,
+       [](JovUser& u, const nlohmann::json& v) { u.created_ = *dateValue(v); }},
+      {"modifiedAt", JsonType::Number,
+       [](JovUser& u, const nlohmann::json& v) { u.modified_ = *dateValue(v); }},
+      {"_modified", JsonType::Number,
+       [](JovUser& u, const nlohmann::json& v) { u.modified_ = *dateValue(v); }},
+      {"loginName", JsonType::String, [](JovUser& u, const nlohmann::json& v) { u.username_ = v; }},
+      {"displayName", JsonType::String,
+       [](JovUser& u, const nlohmann::json& v) { u.displayName_ = v; }},
+      {"country", JsonType::String, [](JovUser& u, const nlohmann::json& v) { u.country_ = v; }},
+      {"emailAddress", JsonType::String, [](JovUser& u, const nlohmann::json& v) { u.email_ = v; }},
+      {"_emailAddressPending", JsonType::String,
+       [](JovUser& u, const nlohmann::json& v) { u.pendingEmail_ = v; }},
+      {"phoneNumber", JsonType::String,
+       [](JovUser& u, const nlohmann::json& v) { u.phoneNumber_ = v; }},
+      {"_phoneNumberPending", JsonType::String,
+       [](JovUser& u, const nlohmann::json& v) { u.pendingPhoneNumber_ = v; }},
+      {"emailAddressVerified", JsonType::Boolean,
+       [](JovUser& u, const nlohmann::json& v) { u.emailVerified_ = v; }},
+      {"phoneNumberVerified", JsonType::Boolean,
+       [](JovUser& u, const nlohmann::json& v) { u.phoneVerified_ = v; }},
+      {"_disabled", JsonType::Boolean,
+       [](JovUser& u, const nlohmann::json& v) { u.disabled_ = v; }},
+      {"locale", JsonType::String,
+       [](JovUser& u, const nlohmann::json& v) {
+         u.locale_ = v;
+         std::replace(u.locale_.begin(), u.locale_.end(), '_', '-');
+       }},
+      {"_thirdPartyAccounts", JsonType::Object,
+       [](JovUser& u, const nlohmann::json& v) {
+         for (const auto& [name, account] : v.items()) {
+           auto provider = socialNetworkForProviderName(name);
+           if (!provider) {
+             JOV_LOG(JovLogWarning, "Invalid mapping : " + name);
+             continue;
+           }
+           if (auto info = socialAccount(*provider, account))
+             u.linkedSocialAccounts_.insert_or_assign(*provider, *info);
+         }
+       }},
+  };
+  if (!detail::recordFits(record, kFields)) return false;
   // A token refresh on another thread may be storing this user's credentials meanwhile.
   std::lock_guard lock(mutex_);
+  // Custom fields and linked accounts are replaced; other fields only when their key is there.
   customInfo_ = nlohmann::json::object();
   linkedSocialAccounts_.clear();
-
+  detail::loadFields(*this, record, kFields);
   for (const auto& [key, value] : record.items()) {
-    // A null value reads as an absent key.
-    if (value.is_null()) continue;
-    const std::string* text = stringValue(value);
-    if (key == "userID" || key == "id") {
-      if (text) uuid_ = *text;
-    } else if (key == "createdAt" || key == "_created") {
-      if (auto t = dateValue(value)) created_ = t;
-    } else if (key == "modifiedAt" || key == "_modified") {
-      if (auto t = dateValue(value)) modified_ = t;
-    } else if (key == "loginName") {
-      if (text) username_ = *text;
-    } else if (key == "displayName") {
-      if (text) displayName_ = *text;
-    } else if (key == "country") {
-      if (text) country_ = *text;
-    } else if (key == "emailAddress") {
-      if (text) email_ = *text;
-    } else if (key == "_emailAddressPending") {
-      if (text) pendingEmail_ = *text;
-    } else if (key == "phoneNumber") {
-      if (text) phoneNumber_ = *text;
-    } else if (key == "_phoneNumberPending") {
-      if (text) pendingPhoneNumber_ = *text;
-    } else if (key == "emailAddressVerified") {
-      if (value.is_boolean()) emailVerified_ = value.get<bool>();
-    } else if (key == "phoneNumberVerified") {
-      if (value.is_boolean()) phoneVerified_ = value.get<bool>();
-    } else if (key == "_disabled") {
-      if (value.is_boolean()) disabled_ = value.get<bool>();
-    } else if (key == "locale") {
-      if (text) {
-        locale_ = *text;
-        std::replace(locale_.begin(), locale_.end(), '_', '-');
-      }
-    } else if (key == "_thirdPartyAccounts") {
-      if (!value.is_object()) continue;
-      for (const auto& [name, account] : value.items()) {
-        auto provider = socialNetworkForProviderName(name);
-        if (!provider) {
-          JOV_LOG(JovLogWarning, "Invalid mapping : " + name);
-          continue;
-        }
-        if (auto info = socialAccount(*provider, account))
-          linkedSocialAccounts_.insert_or_assign(*provider, *info);
-      }
-    } else if (key == "_hasPassword") {
-      // The one reserved key kept: it tells full users from pseudo users (isPseudoUser).
+    if (value.is_null()) continue;  // a null value reads as an absent key
+    const bool listed = std::any_of(std::begin(kFields), std::end(kFields),
+                                    [&](const F& field) { return key == field.key; });
+    // "_hasPassword" is the one reserved key kept: it tells full users from pseudo users.
+    if (!listed && (key.empty() || key.front() != '_' || key == "_hasPassword"))
       customInfo_[key] = value;
-    } else if (key.empty() || key.front() != '_') {
-      customInfo_[key] = value;
-    }
   }
+  return true;
 }
 
 nlohmann::json JovUser::uploadAttributes() const {

@@ -44,13 +44,8 @@ Result<JovUser::Ptr> JovUser::authenticateWithStoredCredentialsSynchronous() {
   return stored.value();
 }
 
-void JovUser::authenticateWithStoredCredentials(UserBlock block) {
-  detail::runClassBlock([] { return authenticateWithStoredCredentialsSynchronous(); },
-                        std::move(block));
-}
-
-std::future<Result<JovUser::Ptr>> JovUser::authenticateWithStoredCredentialsAsync() {
-  return detail::runFuture([] { return authenticateWithStoredCredentialsSynchronous(); });
+detail::Routine<JovUser::Ptr> JovUser::storedCredentialsRoutine() {
+  co_return authenticateWithStoredCredentialsSynchronous();
 }
 
 namespace detail {

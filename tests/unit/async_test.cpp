@@ -7,8 +7,8 @@
 #include <set>
 #include <thread>
 
-#include "core/async_forms.hpp"
 #include "jov/application.hpp"
+#include "jov/detail/forms.hpp"
 
 using namespace jov;
 using namespace std::chrono_literals;
@@ -23,33 +23,33 @@ class Counter : public std::enable_shared_from_this<Counter> {
   std::function<void()> beforeWork;  // lets a test hold the work back
   bool fail = false;
 
-  Result<void> bumpSynchronous() { return bumpRoutine(); }
+  Result<void> bumpSynchronous() { return detail::runSync(bumpRoutine()); }
   void bump(JovBlock<std::shared_ptr<Counter>> block) {
-    detail::runBlock(detail::withSelf(shared_from_this(), &Counter::bumpRoutine), std::move(block));
+    detail::runBlock(shared_from_this(), bumpRoutine(), std::move(block), {});
   }
   void bump(JovCallback cb) {
-    detail::runCallback(detail::withSelf(shared_from_this(), &Counter::bumpRoutine), std::move(cb));
+    detail::runCallback(shared_from_this(), bumpRoutine(), std::move(cb), {});
   }
   std::future<Result<void>> bumpAsync() {
-    return detail::runFuture(detail::bind(shared_from_this(), &Counter::bumpRoutine));
+    return detail::runFuture(shared_from_this(), bumpRoutine(), {});
   }
 
-  Result<int> addSynchronous(int n) { return addRoutine(n); }
+  Result<int> addSynchronous(int n) { return detail::runSync(addRoutine(n)); }
   void add(int n, JovBlock<int> block) {
-    detail::runBlock(detail::bind(shared_from_this(), &Counter::addRoutine, n), std::move(block));
+    detail::runBlock(shared_from_this(), addRoutine(n), std::move(block), {});
   }
 
  private:
-  Result<void> bumpRoutine() {
+  detail::Routine<void> bumpRoutine() {
     if (beforeWork) beforeWork();
     workerThread = std::this_thread::get_id();
     ++runs;
-    if (fail) return JovError::errorWithCode(JovError::codeUndefinedError());
-    return {};
+    if (fail) co_return JovError::errorWithCode(JovError::codeUndefinedError());
+    co_return {};
   }
-  Result<int> addRoutine(int n) {
+  detail::Routine<int> addRoutine(int n) {
     ++runs;
-    return runs.load() + n;
+    co_return runs.load() + n;
   }
 };
 

@@ -30,6 +30,7 @@ TEST(ErrorRules, MatchStatusCodeAndMessageInOrderAndKeepUserInfo) {
       onStatusAndCode(409, "OBJECT_VERSION_IS_STALE", 520),
       onCode("GROUP_NOT_FOUND", JovError::codeObjectNotFound()),
       onMessage("exact text", 701),
+      onMessagePart(400, "INVALID", "validation errors: password", 304),
       onStatus(404, JovError::codeUserNotFound()),
       onAny(103),
   };
@@ -45,6 +46,13 @@ TEST(ErrorRules, MatchStatusCodeAndMessageInOrderAndKeepUserInfo) {
   EXPECT_EQ(applyErrorRules(serverError(412, "OBJECT_VERSION_IS_STALE"), rules).code(), 103);
   EXPECT_EQ(applyErrorRules(serverError(400, "X", "exact text"), rules).code(), 701);
   EXPECT_EQ(applyErrorRules(serverError(400, "X", "exact text!"), rules).code(), 103);
+  EXPECT_EQ(
+      applyErrorRules(serverError(400, "INVALID", "There are Validation errors: PASSWORD"), rules)
+          .code(),
+      304);
+  EXPECT_EQ(
+      applyErrorRules(serverError(400, "INVALID", "validation errors: newPassword"), rules).code(),
+      103);
   EXPECT_EQ(applyErrorRules(serverError(404, "OTHER"), rules).code(), 324);
 
   // An error that already has a code passes unchanged, whatever the rows say.

@@ -54,13 +54,18 @@ TEST(UserModelTest, LoadsTheServiceRecordByItsKeyTable) {
   EXPECT_EQ(linked.at(JovSocialNetworkLive).socialID(), "77");
   EXPECT_FALSE(socialNetworkForProviderName("facebook2"));
 
-  // Mistyped values are skipped, not fatal; a non-object changes nothing.
-  user->loadFromJSON({{"loginName", 7}, {"createdAt", "yesterday"}, {"_thirdPartyAccounts", 1}});
-  EXPECT_EQ(user->username(), "alice");
-  EXPECT_EQ(millis(user->created()), 1500000000123LL);
-  EXPECT_TRUE(user->linkedSocialAccounts().empty());
-  user->loadFromJSON(json::array({1, 2}));
-  EXPECT_EQ(user->userID(), "u1");
+  // A record with one mistyped value is refused whole, as is a non-object: nothing changes.
+  for (const json& bad : {json{{"loginName", 7}, {"displayName", "new"}},
+                          json{{"createdAt", "yesterday"}}, json{{"_thirdPartyAccounts", 1}},
+                          json{{"emailAddressVerified", "yes"}}, json::array({1, 2})}) {
+    EXPECT_FALSE(user->loadFromJSON(bad)) << bad;
+    EXPECT_EQ(user->username(), "alice");
+    EXPECT_NE(user->displayName(), "new");
+    EXPECT_EQ(millis(user->created()), 1500000000123LL);
+    EXPECT_EQ(user->linkedSocialAccounts().size(), 3u);
+    EXPECT_EQ(user->customInfo(), json({{"score", 42}}));
+    EXPECT_EQ(user->userID(), "u1");
+  }
   // "id" names the user too; no creation key, no creation date.
   auto other = JovUser::userWithID("");
   other->loadFromJSON({{"id", "u2"}});
