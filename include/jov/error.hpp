@@ -9,6 +9,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "jov/error_codes.inc"
 
@@ -80,25 +81,44 @@ class JovIllegalStateException : public std::logic_error {
 
 /// @brief Base of per-exchange error handlers: maps an HTTP status to an error or to no error.
 ///
-/// A handler registers the statuses it knows with on(); every other status gives 103.
-/// The base knows 400, 401 and 404, each giving no error.
+/// A handler is a table of rows, status to client code, like the error tables of the library's
+/// own exchanges: a subclass registers the statuses it knows with on(); every other status gives
+/// 103. The base knows 400, 401 and 404, each giving no error.
+///
+/// @code
+/// class InstallationErrors : public jov::JovErrorHandlerBase {
+///  public:
+///   InstallationErrors() { on(409, jov::JovError::codeDuplicateEntry()); }
+/// };
+/// @endcode
 class JovErrorHandlerBase {
  public:
   /// @brief What a handler answers for one status: an error, or nothing for "no error".
   using StatusHandler = std::function<std::optional<JovError>()>;
+  /// @brief The code of a row that answers "no error".
+  static constexpr int kNoError = -1;
 
   JovErrorHandlerBase();
   virtual ~JovErrorHandlerBase() = default;
 
-  /// @brief The error for a status: the registered handler's answer, else 103.
+  /// @brief The error for a status: the error of the status's row (nothing for a kNoError row),
+  /// else 103.
   std::optional<JovError> errorParser(int httpStatus) const;
 
  protected:
-  /// @brief Registers (or replaces) the handler of one status.
+  /// @brief Registers (or replaces) the row of one status: the error with this code, or no
+  /// error for kNoError.
+  void on(int httpStatus, int code);
+  /// @brief Registers (or replaces) the row of one status with a handler that decides.
   void on(int httpStatus, StatusHandler handler);
 
  private:
-  std::map<int, StatusHandler> handlers_;
+  struct Row {
+    int status;
+    int code;
+    StatusHandler handler;  // when set, decides instead of the code
+  };
+  std::vector<Row> rows_;
 };
 
 }  // namespace jov

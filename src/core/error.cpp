@@ -85,16 +85,26 @@ void JovIllegalStateException::raiseJovInitializationIsNotCalled(const std::stri
 }
 
 JovErrorHandlerBase::JovErrorHandlerBase() {
-  for (int status : {400, 401, 404}) on(status, [] { return std::optional<JovError>(); });
+  for (int status : {400, 401, 404}) on(status, kNoError);
+}
+
+void JovErrorHandlerBase::on(int httpStatus, int code) {
+  std::erase_if(rows_, [&](const Row& row) { return row.status == httpStatus; });
+  rows_.push_back({httpStatus, code, nullptr});
 }
 
 void JovErrorHandlerBase::on(int httpStatus, StatusHandler handler) {
-  handlers_[httpStatus] = std::move(handler);
+  std::erase_if(rows_, [&](const Row& row) { return row.status == httpStatus; });
+  rows_.push_back({httpStatus, kNoError, std::move(handler)});
 }
 
 std::optional<JovError> JovErrorHandlerBase::errorParser(int httpStatus) const {
-  auto it = handlers_.find(httpStatus);
-  if (it != handlers_.end()) return it->second();
+  for (const Row& row : rows_) {
+    if (row.status != httpStatus) continue;
+    if (row.handler) return row.handler();
+    if (row.code == kNoError) return std::nullopt;
+    return JovError::errorWithCode(row.code);
+  }
   return JovError::errorWithCode(JovError::codeUndefinedError());
 }
 

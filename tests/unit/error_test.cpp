@@ -140,8 +140,10 @@ TEST(ErrorTest, IllegalStateExceptionMessages) {
 class ConflictHandler : public JovErrorHandlerBase {
  public:
   ConflictHandler() {
-    on(409, [] { return JovError::errorWithCode(JovError::codeDuplicateEntry()); });
-    on(404, [] { return JovError::errorWithCode(JovError::codeObjectNotFound()); });
+    on(409, JovError::codeDuplicateEntry());
+    on(404, JovError::codeObjectNotFound());
+    on(400, [] { return JovError::errorWithCode(JovError::codeInvalidContainer()); });
+    on(401, kNoError);
   }
 };
 
@@ -156,7 +158,7 @@ TEST(ErrorTest, ErrorHandlerMapsStatuses) {
   const JovErrorHandlerBase base;
   const ConflictHandler handler;
   // status, then the base's and the subclass's code (-1: no error); the base stays as it was.
-  const std::tuple<int, int, int> rows[] = {{400, -1, -1},   {401, -1, -1},   {404, -1, 510},
+  const std::tuple<int, int, int> rows[] = {{400, -1, 509},  {401, -1, -1},   {404, -1, 510},
                                             {409, 103, 503}, {403, 103, 103}, {500, 103, 103},
                                             {200, 103, 103}};
   for (const auto& [status, baseCode, handlerCode] : rows) {
