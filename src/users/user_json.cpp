@@ -76,46 +76,58 @@ std::optional<JovSocialAccountInfo> socialAccount(JovSocialNetwork provider,
   return JovSocialAccountInfo(provider, socialID, createdAt);
 }
 
+template <class T, class V>
+void setIfChanged(T& field, V&& value) {
+  if (!(field == value)) field = std::forward<V>(value);
+}
+
 }  // namespace
 
 bool JovUser::loadFromJSON(const nlohmann::json& record) {
   using detail::JsonType;
   using F = detail::Field<JovUser>;
   static const F kFields[] = {
-      {"userID", JsonType::String, [](JovUser& u, const nlohmann::json& v) { u.uuid_ = v; }},
-      {"id", JsonType::String, [](JovUser& u, const nlohmann::json& v) { u.uuid_ = v; }},
+      {"userID", JsonType::String,
+       [](JovUser& u, const nlohmann::json& v) { setIfChanged(u.uuid_, v); }},
+      {"id", JsonType::String,
+       [](JovUser& u, const nlohmann::json& v) { setIfChanged(u.uuid_, v); }},
       {"createdAt", JsonType::Number,
-       [](JovUser& u, const nlohmann::json& v) { u.created_ = *dateValue(v); }},
+       [](JovUser& u, const nlohmann::json& v) { setIfChanged(u.created_, dateValue(v)); }},
       {"_created", JsonType::Number,
-       [](JovUser& u, const nlohmann::json& v) { u.created_ = *dateValue(v); }},
+       [](JovUser& u, const nlohmann::json& v) { setIfChanged(u.created_, dateValue(v)); }},
       {"modifiedAt", JsonType::Number,
-       [](JovUser& u, const nlohmann::json& v) { u.modified_ = *dateValue(v); }},
+       [](JovUser& u, const nlohmann::json& v) { setIfChanged(u.modified_, dateValue(v)); }},
       {"_modified", JsonType::Number,
-       [](JovUser& u, const nlohmann::json& v) { u.modified_ = *dateValue(v); }},
-      {"loginName", JsonType::String, [](JovUser& u, const nlohmann::json& v) { u.username_ = v; }},
+       [](JovUser& u, const nlohmann::json& v) { setIfChanged(u.modified_, dateValue(v)); }},
+      {"loginName", JsonType::String,
+       [](JovUser& u, const nlohmann::json& v) { setIfChanged(u.username_, v); }},
       {"displayName", JsonType::String,
-       [](JovUser& u, const nlohmann::json& v) { u.displayName_ = v; }},
-      {"country", JsonType::String, [](JovUser& u, const nlohmann::json& v) { u.country_ = v; }},
-      {"emailAddress", JsonType::String, [](JovUser& u, const nlohmann::json& v) { u.email_ = v; }},
+       [](JovUser& u, const nlohmann::json& v) { setIfChanged(u.displayName_, v); }},
+      {"country", JsonType::String,
+       [](JovUser& u, const nlohmann::json& v) { setIfChanged(u.country_, v); }},
+      {"emailAddress", JsonType::String,
+       [](JovUser& u, const nlohmann::json& v) { setIfChanged(u.email_, v); }},
       {"_emailAddressPending", JsonType::String,
-       [](JovUser& u, const nlohmann::json& v) { u.pendingEmail_ = v; }},
+       [](JovUser& u, const nlohmann::json& v) { setIfChanged(u.pendingEmail_, v); }},
       {"phoneNumber", JsonType::String,
-       [](JovUser& u, const nlohmann::json& v) { u.phoneNumber_ = v; }},
+       [](JovUser& u, const nlohmann::json& v) { setIfChanged(u.phoneNumber_, v); }},
       {"_phoneNumberPending", JsonType::String,
-       [](JovUser& u, const nlohmann::json& v) { u.pendingPhoneNumber_ = v; }},
+       [](JovUser& u, const nlohmann::json& v) { setIfChanged(u.pendingPhoneNumber_, v); }},
       {"emailAddressVerified", JsonType::Boolean,
-       [](JovUser& u, const nlohmann::json& v) { u.emailVerified_ = v; }},
+       [](JovUser& u, const nlohmann::json& v) { setIfChanged(u.emailVerified_, v); }},
       {"phoneNumberVerified", JsonType::Boolean,
-       [](JovUser& u, const nlohmann::json& v) { u.phoneVerified_ = v; }},
+       [](JovUser& u, const nlohmann::json& v) { setIfChanged(u.phoneVerified_, v); }},
       {"_disabled", JsonType::Boolean,
-       [](JovUser& u, const nlohmann::json& v) { u.disabled_ = v; }},
+       [](JovUser& u, const nlohmann::json& v) { setIfChanged(u.disabled_, v); }},
       {"locale", JsonType::String,
        [](JovUser& u, const nlohmann::json& v) {
-         u.locale_ = v;
-         std::replace(u.locale_.begin(), u.locale_.end(), '_', '-');
+         std::string locale = v;
+         std::replace(locale.begin(), locale.end(), '_', '-');
+         setIfChanged(u.locale_, std::move(locale));
        }},
       {"_thirdPartyAccounts", JsonType::Object,
        [](JovUser& u, const nlohmann::json& v) {
+         std::map<JovSocialNetwork, JovSocialAccountInfo> linked;
          for (const auto& [name, account] : v.items()) {
            auto provider = socialNetworkForProviderName(name);
            if (!provider) {
@@ -123,25 +135,31 @@ bool JovUser::loadFromJSON(const nlohmann::json& record) {
              continue;
            }
            if (auto info = socialAccount(*provider, account))
-             u.linkedSocialAccounts_.insert_or_assign(*provider, *info);
+             linked.insert_or_assign(*provider, *info);
          }
+         setIfChanged(u.linkedSocialAccounts_, std::move(linked));
        }},
   };
   if (!detail::recordFits(record, kFields)) return false;
   // A token refresh on another thread may be storing this user's credentials meanwhile.
   std::lock_guard lock(mutex_);
   // Custom fields and linked accounts are replaced; other fields only when their key is there.
-  customInfo_ = nlohmann::json::object();
-  linkedSocialAccounts_.clear();
+  // Only what changes is written: operations on the same user running at the same time (64
+  // refreshes in flight) read its ID while each of them loads the same record again.
+  auto linked = record.find("_thirdPartyAccounts");
+  if (linked == record.end() || linked->is_null())
+    setIfChanged(linkedSocialAccounts_, decltype(linkedSocialAccounts_){});
   detail::loadFields(*this, record, kFields);
+  nlohmann::json custom = nlohmann::json::object();
   for (const auto& [key, value] : record.items()) {
     if (value.is_null()) continue;  // a null value reads as an absent key
     const bool listed = std::any_of(std::begin(kFields), std::end(kFields),
                                     [&](const F& field) { return key == field.key; });
     // "_hasPassword" is the one reserved key kept: it tells full users from pseudo users.
     if (!listed && (key.empty() || key.front() != '_' || key == "_hasPassword"))
-      customInfo_[key] = value;
+      custom[key] = value;
   }
+  setIfChanged(customInfo_, std::move(custom));
   return true;
 }
 

@@ -49,6 +49,18 @@ TEST_F(UserAccountTest, RefreshAndSave) {
   fake.on("GET", "/users/u1", Answer::text(200, "null"));
   EXPECT_EQ(codeOf(user->refreshSynchronous()), JovError::codeUnableToParseResponse());
   EXPECT_EQ(user->displayName(), "Al");
+  fake.on("GET", "/users/u1", Answer::json(200, {{"userID", "u1"}, {"displayName", 5}}));
+  EXPECT_EQ(codeOf(user->refreshSynchronous()), JovError::codeUnableToParseResponse());
+  EXPECT_EQ(user->displayName(), "Al") << "a mistyped record changes nothing";
+
+  // Many refreshes of one user at once each read its ID while the others load the record.
+  fake.on("GET", "/users/u1",
+          Answer::json(200, {{"userID", "u1"}, {"loginName", "alice"}, {"displayName", "Al"}}));
+  const std::size_t before = fake.count("GET", "/users/u1");
+  std::vector<std::future<Result<void>>> inFlight;
+  for (int i = 0; i < 32; ++i) inFlight.push_back(user->refreshAsync());
+  for (auto& refreshed : inFlight) EXPECT_EQ(codeOf(refreshed.get()), -1);
+  EXPECT_EQ(fake.count("GET", "/users/u1") - before, 32u);
 
   fake.reset();
   fake.on("POST", "/users/u1", Answer::json(200, {{"modifiedAt", 1700000000000LL}}));
