@@ -248,7 +248,8 @@ long peakRssKb() {
 
 int main(int argc, char** argv) {
   if (argc < 4) {
-    std::fprintf(stderr, "usage: jov_engine_bench URL APP KEY [p4 jov|multi]\n");
+    std::fprintf(stderr,
+                 "usage: jov_engine_bench URL APP KEY [p4 jov|multi | profile jov|multi N]\n");
     return 2;
   }
   gBase = argv[1];
@@ -264,6 +265,16 @@ int main(int argc, char** argv) {
     Figures f =
         std::string(argv[5]) == "jov" ? runJov(10000, 10000) : runMulti(gBase, 10000, 10000);
     std::printf("%ld %ld %d\n", peakRssKb(), before, f.failures);
+    return f.failures == 0 ? 0 : 1;
+  }
+
+  if (argc >= 6 && std::string(argv[4]) == "profile") {
+    // One side of P3 alone (for a profiler): "profile jov|multi IN_FLIGHT".
+    const int inFlight = argc >= 7 ? std::atoi(argv[6]) : 64;
+    Figures f =
+        std::string(argv[5]) == "jov" ? runJov(10000, inFlight) : runMulti(gBase, 10000, inFlight);
+    std::printf("%.0f ops/s, %.1f us CPU per op, %d failure(s)\n", 10000 / f.seconds,
+                f.cpu / 10000 * 1e6, f.failures);
     return f.failures == 0 ? 0 : 1;
   }
 
