@@ -13,6 +13,7 @@
 
 namespace jov {
 
+class JovBucket;
 class JovGroup;
 class JovServerCodeEntry;
 class JovUser;
@@ -143,6 +144,11 @@ class Jov {
   /// @brief A new group whose members are added by its first save.
   static std::shared_ptr<JovGroup> groupWithName(
       const std::string& name, const std::vector<std::shared_ptr<JovUser>>& members);
+
+  /// @brief The application-scope bucket of this name (nothing is fetched or created).
+  static std::shared_ptr<JovBucket> bucketWithName(const std::string& name);
+  /// @brief The application-scope encrypted bucket of this name.
+  static std::shared_ptr<JovBucket> encryptedBucketWithName(const std::string& name);
 
   /// @brief The entry of this name at the "current" (latest) code version, with no
   /// runtime-environment version; the checks are those of the three-argument form.

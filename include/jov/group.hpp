@@ -17,6 +17,7 @@
 
 namespace jov {
 
+class JovBucket;
 class JovUser;
 
 /// @brief A group of users with an owner, created on the service when first saved.
@@ -85,6 +86,11 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
   /// @brief Puts the user into the users to remove (and out of those to add); false when the
   /// user has no ID.
   bool removeUser(const std::shared_ptr<JovUser>& user);
+
+  /// @brief The group's bucket of this name ("/groups/ID/buckets/NAME"; nothing is fetched).
+  std::shared_ptr<JovBucket> bucketWithName(const std::string& name);
+  /// @brief The group's encrypted bucket of this name.
+  std::shared_ptr<JovBucket> encryptedBucketWithName(const std::string& name);
 
   /// @name save
   /// @{

@@ -25,6 +25,7 @@
 
 namespace jov {
 
+class JovBucket;
 class JovGroup;
 namespace detail {
 struct UserAccess;
@@ -814,6 +815,13 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
     return detail::runFuture(nullptr, findUserRoutine(FindBy::Phone, phoneNumber), cancel);
   }
   /// @}
+
+  // ------------------------------------------------------------------ buckets
+
+  /// @brief The user's bucket of this name ("/users/ID/buckets/NAME"; nothing is fetched).
+  std::shared_ptr<JovBucket> bucketWithName(const std::string& name);
+  /// @brief The user's encrypted bucket of this name.
+  std::shared_ptr<JovBucket> encryptedBucketWithName(const std::string& name);
 
   // ------------------------------------------------------------------ groups
 

@@ -37,6 +37,9 @@ std::string formPath(const char* pathTemplate, const std::vector<std::string>& a
     if (p[0] == '{' && p[1] == '}') {
       if (next < args.size()) path += urlEncode(args[next++]);
       ++p;
+    } else if (p[0] == '{' && p[1] == '+' && p[2] == '}') {
+      if (next < args.size()) path += args[next++];
+      p += 2;
     } else {
       path += *p;
     }
@@ -55,6 +58,7 @@ Routine<JovResponse> send(const Exchange& exchange, SendArgs args) {
   request.requestMethod = exchange.method;
   request.anonymous = exchange.spec.anonymous;
   if (exchange.spec.contentType) request.content = exchange.spec.contentType;
+  if (args.contentType_) request.content = std::move(*args.contentType_);
   if (exchange.spec.accept) request.accept = exchange.spec.accept;
   // No body unless the exchange has one: a GET with the default empty object would send "{}".
   request.postData = std::move(args.json_);

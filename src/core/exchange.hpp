@@ -77,7 +77,8 @@ struct ExchangeSpec {
 };
 struct Exchange {
   JovRequestMethod method;
-  /// The path under the application; each "{}" takes the next argument, percent-encoded.
+  /// The path under the application; each "{}" takes the next argument, percent-encoded, and
+  /// each "{+}" the next argument as it is (a path an entity formed, such as a bucket's).
   const char* path;
   ExchangeSpec spec = {};
 };
@@ -114,6 +115,11 @@ class SendArgs {
     query_ = std::move(query);
     return std::move(*this);
   }
+  /// Replaces the exchange's "Content-type" (a media type that names the application, say).
+  SendArgs&& contentType(std::string type) && {
+    contentType_ = std::move(type);
+    return std::move(*this);
+  }
   SendArgs&& keepAllHeaders() && {
     keepAllHeaders_ = true;
     return std::move(*this);
@@ -125,6 +131,7 @@ class SendArgs {
   std::string etag_;
   JovHeaders headers_;
   std::optional<std::string> query_;
+  std::optional<std::string> contentType_;
   bool keepAllHeaders_ = false;
 };
 

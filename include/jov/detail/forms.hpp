@@ -119,12 +119,20 @@ void runCallback(Self self, Routine<T> routine, JovCallback callback, const JovC
                               lead = std::move(lead), result = std::move(result)]() mutable {
             std::optional<JovError> error = result.errorIfAny();
             if constexpr (sizeof...(Lead) > 0) {
-              static_assert(!std::is_void_v<T> && !IsTuple<T>::value);
+              static_assert(!std::is_void_v<T>);
+              T values = result.ok() ? std::move(result.value()) : T{};
               std::apply(
                   [&](auto&... l) {
-                    JovUtilities::callMethod(callback, l...,
-                                             result.ok() ? std::move(result.value()) : T{},
-                                             std::move(error));
+                    if constexpr (IsTuple<T>::value) {
+                      std::apply(
+                          [&](auto&... v) {
+                            JovUtilities::callMethod(callback, l..., std::move(v)...,
+                                                     std::move(error));
+                          },
+                          values);
+                    } else {
+                      JovUtilities::callMethod(callback, l..., std::move(values), std::move(error));
+                    }
                   },
                   lead);
             } else if constexpr (std::is_void_v<T>) {

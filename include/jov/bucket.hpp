@@ -1,0 +1,178 @@
+#pragma once
+/// @file
+/// @brief JovBucket and JovEncryptedBucket: named collections of objects in the application's,
+/// a user's or a group's scope; and JovListResult, a page of a listing.
+
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "jov/async.hpp"
+#include "jov/cancellation.hpp"
+#include "jov/detail/forms.hpp"
+#include "jov/object.hpp"
+#include "jov/query.hpp"
+#include "jov/result.hpp"
+
+namespace jov {
+
+class Jov;
+class JovGroup;
+class JovUser;
+
+/// @brief One page of a listing that pages with a key.
+template <class T>
+struct JovListResult {
+  std::vector<T> results;
+  bool hasNext = false;
+  /// @brief The key of the next page; nothing on the last one.
+  std::optional<std::string> paginationKey;
+};
+
+/// @brief A named collection of objects. Made by Jov::bucketWithName (application scope),
+/// JovUser::bucketWithName and JovGroup::bucketWithName; immutable and safe to share.
+class JovBucket : public std::enable_shared_from_this<JovBucket> {
+ public:
+  using Ptr = std::shared_ptr<JovBucket>;
+  using Objects = std::vector<std::shared_ptr<JovObject>>;
+  /// @brief A page of query results and the query of the next page, when there is one.
+  using QueryPage = std::tuple<Objects, std::optional<JovQuery>>;
+  /// @brief Blocks of bucket operations receive the bucket, then the error.
+  using BucketBlock = JovBlock<Ptr>;
+  /// @brief Query blocks receive the query, the bucket, the objects, the next query, the error.
+  using QueryBlock = JovBlock<JovQuery, Ptr, Objects, std::optional<JovQuery>>;
+  /// @brief Count blocks receive the bucket, the query, the count, the error.
+  using CountBlock = JovBlock<Ptr, JovQuery, std::int64_t>;
+
+  /// @brief Lets the factories use std::make_shared; not usable outside the library.
+  struct Key {
+   private:
+    friend class Jov;
+    friend class JovBucket;
+    friend class JovObject;
+    friend class JovUser;
+    friend class JovGroup;
+    Key() = default;
+  };
+  JovBucket(Key, std::string name, std::shared_ptr<JovUser> user, std::shared_ptr<JovGroup> group);
+  virtual ~JovBucket() = default;
+  JovBucket(const JovBucket&) = delete;
+  JovBucket& operator=(const JovBucket&) = delete;
+
+  /// @brief False for no name; else 2 to 64 of letters, digits, "-", "_" and ".".
+  static bool isValidBucketName(const std::optional<std::string>& name);
+
+  const std::string& name() const { return name_; }
+  /// @brief The owning user of a user bucket, else nullptr.
+  const std::shared_ptr<JovUser>& user() const { return user_; }
+  /// @brief The owning group of a group bucket, else nullptr.
+  const std::shared_ptr<JovGroup>& group() const { return group_; }
+  virtual bool isEncrypted() const { return false; }
+  /// @brief The name percent-encoded ("CRYPTO:" before it for an encrypted bucket).
+  virtual std::string bucketQualifiedName() const;
+  /// @brief "/buckets/Q", "/users/ID/buckets/Q" or "/groups/ID/buckets/Q"; nothing while the
+  /// owning user or group has no ID.
+  std::optional<std::string> bucketPath() const;
+  /// @brief "jovcloud:/" + the path; nothing without a path.
+  std::optional<std::string> bucketURI() const;
+  /// @brief The path of the bucket's access control list (bucketPath + "/acl").
+  std::optional<std::string> aclPath() const;
+
+  /// @brief A new object of this bucket, created on the service by its first save.
+  std::shared_ptr<JovObject> createObject();
+  /// @brief A new object of a type; 506 for a type that is not a letter and 4 to 49 letters,
+  /// digits, "-" or "_".
+  Result<std::shared_ptr<JovObject>> createObjectWithType(const std::string& type);
+  /// @brief The object with this ID (nothing fetched: refresh loads it; saveAllFields creates
+  /// or replaces it). Raises std::invalid_argument("objectID is invalid.") for an ID that is not
+  /// 2 to 100 of letters, digits, "-", "_", ".".
+  std::shared_ptr<JovObject> createObjectWithID(const std::string& objectID);
+
+  /// @name executeQuery
+  /// @{
+  /// One page of the objects a query matches (POST BUCKET/query), each loaded into an object
+  /// of this bucket, and the query of the next page when there is one.
+  /// Errors: 603 an empty "and"/"or" (before any request); 515 the bucket's user or group has
+  /// no ID or does not exist; 604 query not supported; 202 unreadable answer.
+  Result<QueryPage> executeQuerySynchronous(const JovQuery& query) {
+    return detail::runSync(queryRoutine(query));
+  }
+  void executeQuery(const JovQuery& query, QueryBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), queryRoutine(query), detail::leading(std::move(block), query, self()),
+                     cancel);
+  }
+  void executeQuery(const JovQuery& query, JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), queryRoutine(query), std::move(callback), cancel, query, self());
+  }
+  std::future<Result<QueryPage>> executeQueryAsync(const JovQuery& query,
+                                                   JovCancellation cancel = {}) {
+    return detail::runFuture(self(), queryRoutine(query), cancel);
+  }
+  /// @}
+
+  /// @name count
+  /// @{
+  /// The number of objects a query matches, or of all objects (POST BUCKET/query with a COUNT
+  /// aggregation). Errors as executeQuery.
+  Result<std::int64_t> countSynchronous() { return detail::runSync(countRoutine(JovQuery())); }
+  Result<std::int64_t> countSynchronous(const JovQuery& query) {
+    return detail::runSync(countRoutine(query));
+  }
+  void count(CountBlock block, JovCancellation cancel = {}) {
+    countWithQuery(JovQuery(), block, cancel);
+  }
+  void countWithQuery(const JovQuery& query, CountBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), countRoutine(query), detail::leading(std::move(block), self(), query),
+                     cancel);
+  }
+  void countWithQuery(const JovQuery& query, JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), countRoutine(query), std::move(callback), cancel, self(), query);
+  }
+  std::future<Result<std::int64_t>> countAsync(const JovQuery& query = JovQuery(),
+                                               JovCancellation cancel = {}) {
+    return detail::runFuture(self(), countRoutine(query), cancel);
+  }
+  /// @}
+
+  /// @name delete
+  /// @{
+  /// Deletes the bucket with all its objects (DELETE BUCKET). Errors: 515 no path; 510 the
+  /// service knows no such bucket ("BUCKET_NOT_FOUND"); and the errors of every exchange.
+  Result<void> deleteSynchronous() { return detail::runSync(deleteRoutine()); }
+  void deleteWithBlock(BucketBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), deleteRoutine(), std::move(block), cancel);
+  }
+  void deleteWithCallback(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), deleteRoutine(), std::move(callback), cancel);
+  }
+  std::future<Result<void>> deleteAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(self(), deleteRoutine(), cancel);
+  }
+  /// @}
+
+ protected:
+  Ptr self() { return shared_from_this(); }
+
+ private:
+  detail::Routine<QueryPage> queryRoutine(JovQuery query);
+  detail::Routine<std::int64_t> countRoutine(JovQuery query);
+  detail::Routine<void> deleteRoutine();
+
+  const std::string name_;
+  const std::shared_ptr<JovUser> user_;
+  const std::shared_ptr<JovGroup> group_;
+};
+
+/// @brief A bucket whose content the service keeps encrypted; only its qualified name differs.
+class JovEncryptedBucket : public JovBucket {
+ public:
+  using JovBucket::JovBucket;
+  bool isEncrypted() const override { return true; }
+  std::string bucketQualifiedName() const override;
+};
+
+}  // namespace jov
