@@ -115,7 +115,7 @@ JovObject::Ptr JovObject::objectWithURI(const std::string& uri) {
     bucket = parseBucket(parts[1], nullptr, nullptr);
   }
   auto id = bucket ? percentDecode(parts.back()) : std::nullopt;
-  if (!id || !objectIdIsValid(*id)) return fail();
+  if (!id || id->empty()) return fail();
   return std::make_shared<JovObject>(Key{}, bucket, *id, std::nullopt);
 }
 
