@@ -152,5 +152,6 @@ std::string bashCompletion(const CLI::App& app);
 void addUserCommands(CLI::App& jov, Context& ctx);
 void addGroupCommands(CLI::App& jov, Context& ctx);
 void addCodeCommands(CLI::App& jov, Context& ctx);
+void addObjectCommands(CLI::App& jov, Context& ctx);
 
 }  // namespace jovcli

@@ -21,6 +21,7 @@ int main(int argc, char** argv) {
   addUserCommands(app, ctx);
   addGroupCommands(app, ctx);
   addCodeCommands(app, ctx);
+  addObjectCommands(app, ctx);
 
   auto* completion = app.add_subcommand("completion", "Print a shell completion script");
   std::string shell;
