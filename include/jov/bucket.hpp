@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -21,6 +22,7 @@
 namespace jov {
 
 class Jov;
+class JovACL;
 class JovGroup;
 class JovUser;
 
@@ -81,6 +83,8 @@ class JovBucket : public std::enable_shared_from_this<JovBucket> {
   std::optional<std::string> bucketURI() const;
   /// @brief The path of the bucket's access control list (bucketPath + "/acl").
   std::optional<std::string> aclPath() const;
+  /// @brief The bucket's access control list (the same one while it is held).
+  std::shared_ptr<JovACL> bucketACL();
 
   /// @brief A new object of this bucket, created on the service by its first save.
   std::shared_ptr<JovObject> createObject();
@@ -165,6 +169,8 @@ class JovBucket : public std::enable_shared_from_this<JovBucket> {
   const std::string name_;
   const std::shared_ptr<JovUser> user_;
   const std::shared_ptr<JovGroup> group_;
+  std::mutex aclMutex_;
+  std::weak_ptr<JovACL> acl_;
 };
 
 /// @brief A bucket whose content the service keeps encrypted; only its qualified name differs.

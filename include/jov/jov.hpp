@@ -2,6 +2,7 @@
 /// @file
 /// @brief Everything an application includes: the whole public API of libjov.
 
+#include "jov/acl.hpp"
 #include "jov/application.hpp"
 #include "jov/async.hpp"
 #include "jov/bucket.hpp"

@@ -21,6 +21,7 @@
 
 namespace jov {
 
+class JovACL;
 class JovBucket;
 class JovUser;
 
@@ -89,6 +90,8 @@ class JovObject : public std::enable_shared_from_this<JovObject> {
   std::optional<std::string> objectPath() const;
   /// @brief The path of the object's access control list (objectPath + "/acl").
   std::optional<std::string> aclPath() const;
+  /// @brief The object's access control list (the same one while it is held).
+  std::shared_ptr<JovACL> objectACL();
 
   // ------------------------------------------------------------------ fields
 
@@ -224,6 +227,7 @@ class JovObject : public std::enable_shared_from_this<JovObject> {
   std::map<std::string, Value> fields_;
   std::set<std::string> patchKeys_;
   std::optional<JovError> lastError_;
+  std::weak_ptr<JovACL> acl_;
 };
 
 }  // namespace jov
