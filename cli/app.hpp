@@ -153,5 +153,6 @@ void addUserCommands(CLI::App& jov, Context& ctx);
 void addGroupCommands(CLI::App& jov, Context& ctx);
 void addCodeCommands(CLI::App& jov, Context& ctx);
 void addObjectCommands(CLI::App& jov, Context& ctx);
+void addAclCommands(CLI::App& jov, Context& ctx);
 
 }  // namespace jovcli

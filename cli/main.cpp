@@ -22,6 +22,7 @@ int main(int argc, char** argv) {
   addGroupCommands(app, ctx);
   addCodeCommands(app, ctx);
   addObjectCommands(app, ctx);
+  addAclCommands(app, ctx);
 
   auto* completion = app.add_subcommand("completion", "Print a shell completion script");
   std::string shell;
