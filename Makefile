@@ -6,8 +6,8 @@ PACKAGE_DIR ?= build/package
 JOBS ?= $(shell nproc)
 WERROR = $(if $(CI),ON,OFF)
 VERSION = $(shell grep -o 'libjov VERSION [0-9.]*' CMakeLists.txt | cut -d' ' -f3)
-# What scripts/demo runs: the emulator and two examples (the library comes with them).
-DEMO_TARGETS = jov-emulator quickstart groups
+# What scripts/demo runs: the emulator and the examples (the library comes with them).
+DEMO_TARGETS = jov-emulator quickstart groups notes server_code
 
 .PHONY: all deps configure build test demo asan tsan bench package docs clean format
 
