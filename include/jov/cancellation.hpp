@@ -31,6 +31,7 @@ class CancelState;
 /// @endcode
 class JovCancellation {
  public:
+  /// @brief The clock of deadlines: monotonic, so a change of the wall clock moves none.
   using Clock = std::chrono::steady_clock;
 
   /// @brief A token that nothing has cancelled yet, with no deadline.

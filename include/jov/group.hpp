@@ -94,6 +94,7 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
 
   /// @name save
   /// @{
+
   /// Creates the group on the service when it has no ID yet (POST "/groups", owned by the
   /// preset owner or the current user), then sends each pending member change by its own
   /// request (PUT or DELETE "/groups/ID/members/USERID"). A change that fails stays pending for
@@ -117,6 +118,7 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
 
   /// @name refresh
   /// @{
+
   /// Reads the group's record (GET "/groups/ID"): name and owner.
   /// Errors: 501 when the group has no ID; 510 when the service does not know it
   /// ("GROUP_NOT_FOUND"); 202 when the record cannot be read (the group is then left unchanged);
@@ -135,8 +137,9 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
 
   /// @name changeGroupName
   /// @{
+
   /// Renames the group on the service (PUT "/groups/ID/name", text/plain; owner only), then
-  /// here. @param name the new name, 1 to 190 characters.
+  /// here: `name` is the new name, 1 to 190 characters. A failed rename leaves name() as it was.
   /// Errors: 513 invalid name and 501 no ID (before any request); 510 group not found; and the
   /// errors of every exchange. The block and delegate receive the group, then the error.
   Result<void> changeGroupNameSynchronous(const std::string& name) {
@@ -156,6 +159,7 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
 
   /// @name getMemberList
   /// @{
+
   /// Lists the members on the service (GET "/groups/ID/members"); they become members().
   /// Errors: 501 no ID; 510 group not found; 202 unreadable answer; and the errors of every
   /// exchange. The block and delegate receive the members, then the error.
@@ -173,6 +177,7 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
 
   /// @name getOwner
   /// @{
+
   /// The owner, read by a refresh. Errors: those of refresh, and 202 when the record names no
   /// owner. The block and delegate receive the owner, then the error.
   Result<std::shared_ptr<JovUser>> getOwnerSynchronous() {
@@ -191,6 +196,7 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
 
   /// @name delete
   /// @{
+
   /// Deletes the group on the service (DELETE "/groups/ID"; owner only); the local object keeps
   /// its data. Errors: 501 no ID; 510 group not found; and the errors of every exchange. The
   /// block and delegate receive the group, then the error.
@@ -208,14 +214,14 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
 
   /// @name registerGroupWithID
   /// @{
+
   /// Creates a group with an ID of the caller's choosing, owned by the current user
-  /// (PUT "/groups/ID" with the name, the owner and the members' IDs).
-  /// @param groupID 1 to 30 of lower-case letters, digits, ".", "_", "-"
-  /// @param name 1 to 190 characters
-  /// @param members users with an ID
-  /// Errors (before any request): 524 invalid ID, 513 invalid name, 525 a member without ID,
-  /// 327 nobody logged in; then 526 when the ID is taken ("GROUP_ALREADY_EXISTS"), 203 for
-  /// "WRONG_TOKEN", 202 unreadable answer, and the errors of every exchange. The block form
+  /// (PUT "/groups/ID" with the name, the owner and the members' IDs): `groupID` is 1 to 30 of
+  /// lower-case letters, digits, ".", "_", "-"; `name` 1 to 190 characters; `members` users
+  /// with an ID, possibly none. The result is a new group holding that ID, name, owner and
+  /// those members. Errors (before any request): 524 invalid ID, 513 invalid name, 525 a member
+  /// without ID, 327 nobody logged in; then 526 when the ID is taken ("GROUP_ALREADY_EXISTS"), 203
+  /// for "WRONG_TOKEN", 202 unreadable answer, and the errors of every exchange. The block form
   /// raises std::invalid_argument "completion can not be nil" without a block.
   static Result<std::shared_ptr<JovGroup>> registerGroupSynchronousWithID(
       const std::string& groupID, const std::string& name, const Users& members) {

@@ -50,7 +50,9 @@ class JovRequest {
   /// @brief A request for a full URL, used unchanged.
   static JovRequest withURL(const std::string& url);
   virtual ~JovRequest() = default;
+  /// @brief Takes over every field of another request: URL, method, headers, body, options.
   JovRequest(JovRequest&&) = default;
+  /// @brief Takes over every field of another request: URL, method, headers, body, options.
   JovRequest& operator=(JovRequest&&) = default;
 
   /// @brief Forms requestPath from the base URL, the application segment and the path.

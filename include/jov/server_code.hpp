@@ -99,6 +99,7 @@ class JovServerCodeEntry : public std::enable_shared_from_this<JovServerCodeEntr
 
   /// @name execute
   /// @{
+
   /// Runs the entry: POST "/server-code/versions/VERSION/ENTRY", with "?environment-version=N"
   /// when an environment version is given, the argument's object as the body (the empty object
   /// without an argument). The result holds the JSON answer and the "X-Step-count" and

@@ -101,20 +101,47 @@ class JovURLRequest : public std::enable_shared_from_this<JovURLRequest> {
   /// @brief True for a header a caller asked to keep (all of them, or one the library reads).
   bool keepsHeader(const char* name, std::size_t length) const;
 
-  std::string url_;
-  std::string method_ = "GET";
-  bool keepAllHeaders_ = false;
-  JovHeaders headers_;
-  std::string body_;
-  std::optional<std::filesystem::path> bodyFile_;
-  std::optional<std::filesystem::path> downloadFile_;
-  SentHandler onSent_;
-  ReceivedHandler onReceived_;
+  /// @name What to send
+  /// Recorded by the setters; a transport reads them when it sends.
+  /// @{
 
+  /// @brief The full URL, query string included.
+  std::string url_;
+  /// @brief The method string, "GET" unless set.
+  std::string method_ = "GET";
+  /// @brief When true, keepsHeader() accepts every response header.
+  bool keepAllHeaders_ = false;
+  /// @brief The request headers, sent in this order.
+  JovHeaders headers_;
+  /// @brief The body bytes, sent when no body file is set.
+  std::string body_;
+  /// @brief A file whose content is the body; it takes precedence over body_.
+  std::optional<std::filesystem::path> bodyFile_;
+  /// @brief Where a 2xx response body goes instead of responseData_.
+  std::optional<std::filesystem::path> downloadFile_;
+  /// @brief Called through reportSent(); may be empty.
+  SentHandler onSent_;
+  /// @brief Called through reportReceived(); may be empty.
+  ReceivedHandler onReceived_;
+  /// @}
+
+  /// @name What came back
+  /// A transport clears these when it starts a request and fills them before it returns from
+  /// sendRequest() or calls the `done` of sendRequestAsync().
+  /// @{
+
+  /// @brief The HTTP status of the last response; stays 0 when no response arrived.
   int responseCode_ = 0;
+  /// @brief The response headers that keepsHeader() accepted, in the order received.
   JovHeaders responseHeaders_;
+  /// @brief Set when the exchange failed below HTTP (no connection, TLS, timeout, cancelled,
+  /// unreadable body file, unwritable download): a short text for the log. JovRequest then
+  /// reports 201 whatever the status, so a response that arrived, 4xx and 5xx included, leaves
+  /// it empty.
   std::optional<std::string> responseError_;
+  /// @brief The response body; empty when it was written to downloadFile_.
   std::string responseData_;
+  /// @}
 };
 
 /// @brief Makes transports; Jov holds one, and replacing it plugs in another transport.
