@@ -446,4 +446,19 @@ std::string bashCompletion(const CLI::App& app) {
          "complete -F _jov jov\n";
 }
 
+std::shared_ptr<jov::JovBucket> bucketNamed(Context& ctx, const std::string& name,
+                                            const std::string& user, const std::string& group,
+                                            bool encrypted) {
+  if (!jov::JovBucket::isValidBucketName(name)) throw usageError("invalid bucket name: " + name);
+  if (!user.empty()) {
+    auto owner = user == "me" ? jov::Jov::currentUser() : ctx.resolveUser(user);
+    return encrypted ? owner->encryptedBucketWithName(name) : owner->bucketWithName(name);
+  }
+  if (!group.empty()) {
+    auto owner = jov::JovGroup::groupWithID(group);
+    return encrypted ? owner->encryptedBucketWithName(name) : owner->bucketWithName(name);
+  }
+  return encrypted ? jov::Jov::encryptedBucketWithName(name) : jov::Jov::bucketWithName(name);
+}
+
 }  // namespace jovcli

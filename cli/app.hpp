@@ -138,6 +138,12 @@ class Context {
   bool begun_ = false;
 };
 
+/// @brief The bucket a command names: in the scope of a user (an ID, e-mail, username, or "me")
+/// or of a group when one is given, else the application's. A usage error for an invalid name.
+std::shared_ptr<jov::JovBucket> bucketNamed(Context& ctx, const std::string& name,
+                                            const std::string& user, const std::string& group,
+                                            bool encrypted);
+
 /// @brief Text for a point in time, in the local time zone ("2024-05-01 14:03:07 CEST").
 std::string localTime(std::chrono::system_clock::time_point when);
 /// @brief A point in time in UTC, ISO 8601 ("2024-05-01T12:03:07Z"), for JSON.

@@ -17,21 +17,7 @@ const char* const kActions[] = {"CREATE_OBJECTS_IN_BUCKET",     "QUERY_OBJECTS_I
                                 "READ_EXISTING_OBJECT",         "WRITE_EXISTING_OBJECT"};
 
 std::shared_ptr<jov::JovACL> aclOf(Context& ctx, const AclArgs& args) {
-  if (!jov::JovBucket::isValidBucketName(args.bucket))
-    throw usageError("invalid bucket name: " + args.bucket);
-  std::shared_ptr<jov::JovBucket> bucket;
-  if (!args.owner.empty()) {
-    auto user = args.owner == "me" ? jov::Jov::currentUser() : ctx.resolveUser(args.owner);
-    bucket = args.encrypted ? user->encryptedBucketWithName(args.bucket)
-                            : user->bucketWithName(args.bucket);
-  } else if (!args.group.empty()) {
-    auto group = jov::JovGroup::groupWithID(args.group);
-    bucket = args.encrypted ? group->encryptedBucketWithName(args.bucket)
-                            : group->bucketWithName(args.bucket);
-  } else {
-    bucket = args.encrypted ? jov::Jov::encryptedBucketWithName(args.bucket)
-                            : jov::Jov::bucketWithName(args.bucket);
-  }
+  auto bucket = bucketNamed(ctx, args.bucket, args.owner, args.group, args.encrypted);
   if (args.object.empty()) return bucket->bucketACL();
   return bucket->createObjectWithID(args.object)->objectACL();
 }

@@ -24,20 +24,7 @@ void addBucketOptions(CLI::App* command, BucketArgs& args) {
 }
 
 std::shared_ptr<jov::JovBucket> bucketOf(Context& ctx, const BucketArgs& args) {
-  if (!jov::JovBucket::isValidBucketName(args.bucket))
-    throw usageError("invalid bucket name: " + args.bucket);
-  if (!args.user.empty()) {
-    auto user = args.user == "me" ? jov::Jov::currentUser() : ctx.resolveUser(args.user);
-    return args.encrypted ? user->encryptedBucketWithName(args.bucket)
-                          : user->bucketWithName(args.bucket);
-  }
-  if (!args.group.empty()) {
-    auto group = jov::JovGroup::groupWithID(args.group);
-    return args.encrypted ? group->encryptedBucketWithName(args.bucket)
-                          : group->bucketWithName(args.bucket);
-  }
-  return args.encrypted ? jov::Jov::encryptedBucketWithName(args.bucket)
-                        : jov::Jov::bucketWithName(args.bucket);
+  return bucketNamed(ctx, args.bucket, args.user, args.group, args.encrypted);
 }
 
 // The fields given as an argument, or read from standard input for "-" or nothing.

@@ -17,11 +17,7 @@ namespace {
 class ACLFlowTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    auto app = jovtest::Emulator::shared().newApp();
-    JovKeyChainWrapper::useMemoryStore();
-    Jov::setRequestFactory(nullptr);
-    Jov::beginWithID(app.appID, app.appKey, app.baseURL);
-    JovUser::logOut();
+    jovtest::beginLibraryOnNewApp();
     for (const char* name : {"bob", "carol", "alice"}) {
       auto user = JovUser::userWithUsername(name, "pass1234");
       ASSERT_TRUE(user->performRegistrationSynchronous().ok()) << name;

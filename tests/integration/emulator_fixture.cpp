@@ -18,6 +18,10 @@
 #include <stdexcept>
 #include <vector>
 
+#include "jov/application.hpp"
+#include "jov/credential_store.hpp"
+#include "jov/user.hpp"
+
 extern char** environ;
 
 namespace jovtest {
@@ -247,6 +251,15 @@ std::pair<nlohmann::json, std::string> EmulatorClient::newUser(nlohmann::json fi
   if (!fields.contains("password")) fields["password"] = "pass1234";
   auto record = registerUser(fields);
   return {record, login(fields["loginName"], fields["password"]).value("access_token", "")};
+}
+
+EmulatorApp beginLibraryOnNewApp() {
+  auto app = Emulator::shared().newApp();
+  jov::JovKeyChainWrapper::useMemoryStore();
+  jov::Jov::setRequestFactory(nullptr);
+  jov::Jov::beginWithID(app.appID, app.appKey, app.baseURL);
+  jov::JovUser::logOut();
+  return app;
 }
 
 }  // namespace jovtest

@@ -54,6 +54,10 @@ class Emulator {
   std::mutex mutex_;
 };
 
+/// A new application of the shared emulator with the library begun on it: the real transport,
+/// credentials kept in memory, nobody logged in.
+EmulatorApp beginLibraryOnNewApp();
+
 /// Percent-encodes everything but the unreserved characters, for path segments.
 inline std::string percentEncode(const std::string& text) {
   return jov::RFC3986Encode(text);

@@ -31,11 +31,7 @@ std::vector<std::string> sortedIDs(const List& list) {
 class GroupFlowTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    auto app = jovtest::Emulator::shared().newApp();
-    JovKeyChainWrapper::useMemoryStore();
-    Jov::setRequestFactory(nullptr);
-    Jov::beginWithID(app.appID, app.appKey, app.baseURL);
-    JovUser::logOut();
+    jovtest::beginLibraryOnNewApp();
     // Registration logs each user in: the owner, alice, comes last.
     bob = registered("bob");
     carol = registered("carol");

@@ -15,11 +15,7 @@ namespace {
 class ObjectFlowTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    auto app = jovtest::Emulator::shared().newApp();
-    JovKeyChainWrapper::useMemoryStore();
-    Jov::setRequestFactory(nullptr);
-    Jov::beginWithID(app.appID, app.appKey, app.baseURL);
-    JovUser::logOut();
+    jovtest::beginLibraryOnNewApp();
     alice = JovUser::userWithUsername("alice", "pass1234");
     ASSERT_TRUE(alice->performRegistrationSynchronous().ok());
   }

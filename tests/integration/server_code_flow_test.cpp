@@ -28,14 +28,10 @@ function spin() { for (;;) {} }
 class ServerCodeFlowTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    app = jovtest::Emulator::shared().newApp();
+    app = jovtest::beginLibraryOnNewApp();
     auto deployed = jovtest::emulatorRequest("POST", "/emulator/apps/" + app.appID + "/server-code",
                                              kScript, "application/javascript");
     ASSERT_EQ(deployed.status, 201) << deployed.raw;
-    JovKeyChainWrapper::useMemoryStore();
-    Jov::setRequestFactory(nullptr);
-    Jov::beginWithID(app.appID, app.appKey, app.baseURL);
-    JovUser::logOut();
     auto user = JovUser::userWithUsername("coder", "pass1234");
     ASSERT_TRUE(user->performRegistrationSynchronous().ok());
   }
