@@ -24,10 +24,12 @@ class JovUser;
 
 /// @brief Every user who has not logged in ("UserID:ANONYMOUS_USER").
 struct JovAnonymousUser {
+  /// @brief Always equal: there is one such subject.
   bool operator==(const JovAnonymousUser&) const = default;
 };
 /// @brief Every logged-in user ("UserID:ANY_AUTHENTICATED_USER").
 struct JovAnyAuthenticatedUser {
+  /// @brief Always equal: there is one such subject.
   bool operator==(const JovAnyAuthenticatedUser&) const = default;
 };
 
@@ -52,14 +54,19 @@ enum JovACLAction : std::int32_t {
 /// @brief One grant (or, with grant false, one revocation) of an action to a subject.
 class JovACLEntry {
  public:
+  /// @brief Entries are shared between a list and the caller.
   using Ptr = std::shared_ptr<JovACLEntry>;
   /// @brief Raises std::invalid_argument for an action above 9 ("Invalid ACL action") or a null
   /// user or group ("Invalid ACL subject"). Grants by default.
   static Ptr entryWithSubject(JovACLSubject subject, JovACLAction action);
+  /// @brief The checks of entryWithSubject.
   JovACLEntry(JovACLSubject subject, JovACLAction action);
 
+  /// @brief Who the entry is about.
   const JovACLSubject& subject() const { return subject_; }
+  /// @brief What the entry grants or revokes.
   JovACLAction action() const { return action_; }
+  /// @brief True when the entry grants, false when it revokes.
   bool grant() const;
   /// @brief True grants, false revokes.
   void setGrant(bool grant);
@@ -84,8 +91,11 @@ class JovACLEntry {
 /// revokes). Made by JovObject::objectACL() and JovBucket::bucketACL(); thread-safe.
 class JovACL : public std::enable_shared_from_this<JovACL> {
  public:
+  /// @brief Lists are held by std::shared_ptr.
   using Ptr = std::shared_ptr<JovACL>;
+  /// @brief Entries in list order.
   using Entries = std::vector<JovACLEntry::Ptr>;
+  /// @brief What a list belongs to.
   using Parent = std::variant<std::shared_ptr<JovObject>, std::shared_ptr<JovBucket>>;
   /// @brief Listing blocks receive the list, the entries, then the error.
   using ListBlock = JovBlock<Ptr, Entries>;
@@ -107,6 +117,7 @@ class JovACL : public std::enable_shared_from_this<JovACL> {
 
   /// @name listACLEntries
   /// @{
+
   /// The grants on the service (GET PARENT/acl), each an entry with grant true. Errors: 501 the
   /// parent has no path; 203 (401); 202 unreadable answer; and the errors of every exchange.
   Result<Entries> listACLEntriesSynchronous() { return detail::runSync(listRoutine()); }
@@ -123,6 +134,7 @@ class JovACL : public std::enable_shared_from_this<JovACL> {
 
   /// @name save
   /// @{
+
   /// Sends every entry not yet saved, in order, one request each: PUT (grant) or DELETE
   /// (revoke) PARENT/acl/ACTION/SUBJECT. A saved entry is marked updated and leaves the list;
   /// a failed one stays for the next save. When any failed, the error is 514 and both lists are

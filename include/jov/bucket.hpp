@@ -29,7 +29,9 @@ class JovUser;
 /// @brief One page of a listing that pages with a key.
 template <class T>
 struct JovListResult {
+  /// @brief The items of the page (empty when the answer had none).
   std::vector<T> results;
+  /// @brief Whether another page follows.
   bool hasNext = false;
   /// @brief The key of the next page; nothing on the last one.
   std::optional<std::string> paginationKey;
@@ -39,7 +41,9 @@ struct JovListResult {
 /// JovUser::bucketWithName and JovGroup::bucketWithName; immutable and safe to share.
 class JovBucket : public std::enable_shared_from_this<JovBucket> {
  public:
+  /// @brief Buckets are held by std::shared_ptr.
   using Ptr = std::shared_ptr<JovBucket>;
+  /// @brief Objects of a page.
   using Objects = std::vector<std::shared_ptr<JovObject>>;
   /// @brief A page of query results and the query of the next page, when there is one.
   using QueryPage = std::tuple<Objects, std::optional<JovQuery>>;
@@ -60,6 +64,7 @@ class JovBucket : public std::enable_shared_from_this<JovBucket> {
     friend class JovGroup;
     Key() = default;
   };
+  /// @brief Made by the factories only.
   JovBucket(Key, std::string name, std::shared_ptr<JovUser> user, std::shared_ptr<JovGroup> group);
   virtual ~JovBucket() = default;
   JovBucket(const JovBucket&) = delete;
@@ -68,11 +73,13 @@ class JovBucket : public std::enable_shared_from_this<JovBucket> {
   /// @brief False for no name; else 2 to 64 of letters, digits, "-", "_" and ".".
   static bool isValidBucketName(const std::optional<std::string>& name);
 
+  /// @brief The name as the application gave it.
   const std::string& name() const { return name_; }
   /// @brief The owning user of a user bucket, else nullptr.
   const std::shared_ptr<JovUser>& user() const { return user_; }
   /// @brief The owning group of a group bucket, else nullptr.
   const std::shared_ptr<JovGroup>& group() const { return group_; }
+  /// @brief True for a JovEncryptedBucket.
   virtual bool isEncrypted() const { return false; }
   /// @brief The name percent-encoded ("CRYPTO:" before it for an encrypted bucket).
   virtual std::string bucketQualifiedName() const;
@@ -98,6 +105,7 @@ class JovBucket : public std::enable_shared_from_this<JovBucket> {
 
   /// @name executeQuery
   /// @{
+
   /// One page of the objects a query matches (POST BUCKET/query), each loaded into an object
   /// of this bucket, and the query of the next page when there is one.
   /// Errors: 603 an empty "and"/"or" (before any request); 515 the bucket's user or group has
@@ -120,6 +128,7 @@ class JovBucket : public std::enable_shared_from_this<JovBucket> {
 
   /// @name count
   /// @{
+
   /// The number of objects a query matches, or of all objects (POST BUCKET/query with a COUNT
   /// aggregation). Errors as executeQuery.
   Result<std::int64_t> countSynchronous() { return detail::runSync(countRoutine(JovQuery())); }
@@ -144,6 +153,7 @@ class JovBucket : public std::enable_shared_from_this<JovBucket> {
 
   /// @name delete
   /// @{
+
   /// Deletes the bucket with all its objects (DELETE BUCKET). Errors: 515 no path; 510 the
   /// service knows no such bucket ("BUCKET_NOT_FOUND"); and the errors of every exchange.
   Result<void> deleteSynchronous() { return detail::runSync(deleteRoutine()); }
@@ -159,6 +169,7 @@ class JovBucket : public std::enable_shared_from_this<JovBucket> {
   /// @}
 
  protected:
+  /// @brief This bucket, shared.
   Ptr self() { return shared_from_this(); }
 
  private:
@@ -177,6 +188,7 @@ class JovBucket : public std::enable_shared_from_this<JovBucket> {
 class JovEncryptedBucket : public JovBucket {
  public:
   using JovBucket::JovBucket;
+  /// @brief Always true.
   bool isEncrypted() const override { return true; }
   std::string bucketQualifiedName() const override;
 };

@@ -41,7 +41,9 @@ class JovUser;
 /// @endcode
 class JovObject : public std::enable_shared_from_this<JovObject> {
  public:
+  /// @brief Objects are held by std::shared_ptr.
   using Ptr = std::shared_ptr<JovObject>;
+  /// @brief Time points of the object's dates.
   using TimePoint = std::chrono::system_clock::time_point;
   /// @brief Blocks of object operations receive the object, then the error.
   using ObjectBlock = JovBlock<Ptr>;
@@ -72,9 +74,11 @@ class JovObject : public std::enable_shared_from_this<JovObject> {
   std::optional<std::string> uuid() const;
   /// @brief When the object was created on the service; set exactly when it exists there.
   std::optional<TimePoint> created() const;
+  /// @brief When the object was last modified on the service.
   std::optional<TimePoint> modified() const;
   /// @brief True once the object was created on the service or loaded from it.
   bool isCreated() const { return created().has_value(); }
+  /// @brief The bucket the object belongs to.
   const std::shared_ptr<JovBucket>& bucket() const { return bucket_; }
   /// @brief The object's type, when it has one.
   std::optional<std::string> objectType() const;
@@ -112,6 +116,7 @@ class JovObject : public std::enable_shared_from_this<JovObject> {
   std::optional<Value> getValueForKey(const std::string& key) const;
   /// @brief A field read as a geo point, when it holds one.
   std::optional<JovGeoPoint> getGeoPointForKey(const std::string& key) const;
+  /// @brief Whether a field is set.
   bool hasObject(const std::string& key) const;
   /// @brief Removes a field; the key joins the change set.
   void removeObjectForKey(const std::string& key);
@@ -133,6 +138,7 @@ class JovObject : public std::enable_shared_from_this<JovObject> {
 
   /// @name save
   /// @{
+
   /// Creates the object (POST BUCKET/objects, every field) when it has no ID, else updates it:
   /// the changed fields merged (POST with "X-HTTP-Method-Override: PATCH"), or with allFields
   /// the document replaced (PUT BUCKET/objects/ID). Unless `forced`, the update carries the
@@ -175,6 +181,7 @@ class JovObject : public std::enable_shared_from_this<JovObject> {
 
   /// @name refresh
   /// @{
+
   /// Reads the object again (GET BUCKET/objects/ID): every local field is replaced, unsaved
   /// changes included, and the change set emptied. Errors: 501 no ID or bucket path; 510 object
   /// not found; 515 parent not found; 202 unreadable answer (the object is then unchanged).
@@ -192,6 +199,7 @@ class JovObject : public std::enable_shared_from_this<JovObject> {
 
   /// @name delete
   /// @{
+
   /// Deletes the object on the service (DELETE BUCKET/objects/ID). Errors as refresh.
   Result<void> deleteSynchronous() { return detail::runSync(deleteRoutine()); }
   void deleteWithBlock(ObjectBlock block, JovCancellation cancel = {}) {

@@ -23,7 +23,9 @@ class JovGeoPoint {
   /// "Given longitude is out of range" outside [-180, 180] (bounds included).
   JovGeoPoint(double latitude, double longitude);
 
+  /// @brief Degrees north, -90 to 90.
   double latitude() const { return latitude_; }
+  /// @brief Degrees east, -180 to 180.
   double longitude() const { return longitude_; }
   /// @brief {"_type": "point", "lat": latitude, "lon": longitude}.
   nlohmann::json toDictionary() const;
@@ -31,6 +33,7 @@ class JovGeoPoint {
   /// nothing for anything else (or coordinates out of range).
   static std::optional<JovGeoPoint> toGeoPoint(const nlohmann::json& value);
 
+  /// @brief Equal when both coordinates are.
   bool operator==(const JovGeoPoint&) const = default;
 
  private:
@@ -51,20 +54,25 @@ enum JovFieldType : std::int32_t {
 /// out of range...) raises std::invalid_argument with the texts given below.
 class JovClause {
  public:
+  /// @brief Clauses are immutable and shared.
   using Ptr = std::shared_ptr<const JovClause>;
 
   /// @brief {"type": "eq", "field": key, "value": value}.
   static Ptr equals(const std::string& key, const nlohmann::json& value);
   /// @brief Equality with an object or a user, written as its URI.
   static Ptr equals(const std::string& key, const std::shared_ptr<JovObject>& value);
+  /// @brief Equality with a user, written as "jovcloud://users/ID".
   static Ptr equals(const std::string& key, const std::shared_ptr<JovUser>& value);
   /// @brief {"type": "not", "clause": the equals clause}.
   static Ptr notEquals(const std::string& key, const nlohmann::json& value);
   /// @brief Range clauses: {"type": "range", "field": key, "lowerLimit"/"upperLimit": value,
   /// "lowerIncluded"/"upperIncluded": bool}; one limit each (and two for an interval).
   static Ptr greaterThan(const std::string& key, const nlohmann::json& value);
+  /// @brief "lowerLimit" with "lowerIncluded": true.
   static Ptr greaterThanOrEqual(const std::string& key, const nlohmann::json& value);
+  /// @brief "upperLimit" with "upperIncluded": false.
   static Ptr lessThan(const std::string& key, const nlohmann::json& value);
+  /// @brief "upperLimit" with "upperIncluded": true.
   static Ptr lessThanOrEqual(const std::string& key, const nlohmann::json& value);
   /// @brief {"type": "in", "field": key, "values": values}.
   static Ptr in(const std::string& key, const nlohmann::json& values);
@@ -129,12 +137,17 @@ class JovQuery {
   void sortByDesc(const std::string& field) { sort(field, true); }
   /// @brief Orders by a field.
   void sort(const std::string& field, bool descending);
+  /// @brief The field the objects are ordered by, if any.
   const std::optional<std::string>& sortField() const { return sortField_; }
+  /// @brief Whether the order is descending.
   bool sortDescending() const { return sortDescending_; }
   /// @brief Objects per page; 0 leaves it to the service.
   std::uint32_t limit() const { return limit_; }
+  /// @brief Sets the objects per page (0: the service decides).
   void setLimit(std::uint32_t limit) { limit_ = limit; }
+  /// @brief The key of the page this query fetches; nothing for the first.
   const std::optional<std::string>& paginationKey() const { return paginationKey_; }
+  /// @brief Sets the key of the page to fetch.
   void setPaginationKey(std::optional<std::string> key) { paginationKey_ = std::move(key); }
 
   /// @brief The document posted to the bucket's query endpoint.

@@ -111,6 +111,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name authenticateWithStoredCredentials
   /// @{
+
   /// Logs in with the credentials a former login stored; no request is made.
   /// Errors: 330 when nothing is stored; 331 for a stale or foreign record (it is deleted).
   /// The block receives the user, then the error; it is required ("completion can not be nil").
@@ -240,6 +241,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name performRegistration
   /// @{
+
   /// Registers the user (POST "/users"), then logs it in: it becomes the current user and its
   /// credentials are stored. Logs out first.
   /// Errors: 306 without a password or an identifier; 305 / 308 for an invalid e-mail address or
@@ -260,6 +262,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name registerAsPseudoUser
   /// @{
+
   /// Registers a user without identifiers or password (POST "/users") and makes it current; its
   /// token never expires and nothing is stored. Logs out first.
   /// Errors: the fields' validation errors; 202 when the answer has no "_accessToken".
@@ -284,6 +287,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name authenticate
   /// @{
+
   /// Logs in with a login name, e-mail address or international phone number and a password
   /// (POST "/oauth2/token", then the user's record is read and the credentials stored).
   /// Logs out first, so a failed attempt leaves no current user. Errors before any request: 304
@@ -311,6 +315,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name authenticateWithLocalPhoneNumber
   /// @{
+
   /// Logs in with a local phone number and its two-letter country code ("PHONE:CC-NUMBER").
   /// Errors before any request: 316 invalid local number, 304 invalid password, 315 invalid
   /// country code; then those of authenticate.
@@ -343,6 +348,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name authenticateWithToken
   /// @{
+
   /// Logs in with an access token obtained elsewhere (GET "/users/me" with that token), and
   /// optionally its expiry and refresh token; the user becomes current and is stored.
   /// Raises std::invalid_argument: "token must not nil or empty"; with a refresh token also
@@ -417,6 +423,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name putIdentityData
   /// @{
+
   /// Gives the logged-in pseudo user identifiers and a password (POST "/users/me"), after
   /// reading its record again. Errors: 327 when the user is not the logged-in one; the identity
   /// data's and fields' validation errors; 326 a local phone number without a country; 304
@@ -451,6 +458,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name refresh
   /// @{
+
   /// Reads the user's record (GET "/users/ID"); the logged-in user's credentials are stored
   /// again. Errors: 501 when the user has no ID; 202 when the record cannot be read (the user is
   /// then left unchanged). The block and delegate receive the user, then the error.
@@ -468,6 +476,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name save
   /// @{
+
   /// Sends the custom fields, country, display name and locale (POST "/users/ID").
   /// Errors: 501 when the user has no ID; 202 for an unreadable answer.
   Result<void> saveSynchronous() { return detail::runSync(saveRoutine()); }
@@ -484,6 +493,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name updateWithIdentityData
   /// @{
+
   /// Changes identifiers and attributes of the logged-in full user (POST "/users/me"), after
   /// reading its record again. Errors: 327 not the logged-in user; validation errors; 326 a
   /// local phone number without a country; 328 a pseudo user; 503 identifier taken; 324.
@@ -510,6 +520,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name updateWithUserFields
   /// @{
+
   /// Changes attributes of the logged-in full user; errors as updateWithIdentityData.
   Result<void> updateWithUserFieldsSynchronous(const JovUserFields& userFields) {
     return detail::runSync(updateIdentityRoutine(std::nullopt, userFields));
@@ -532,6 +543,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name updatePassword
   /// @{
+
   /// Changes the password (PUT "/users/ID/password"), then logs in again with the new one.
   /// Errors: 304 invalid new password; 501 no ID; 302 when the new login fails (its error's
   /// information kept).
@@ -558,6 +570,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name resetPassword
   /// @{
+
   /// Asks for a password reset of the user with this e-mail address or international phone
   /// number (POST "/users/EMAIL:…|PHONE:…/password/request-reset", anonymous); the older form
   /// takes an e-mail address and sends no body. Raises std::invalid_argument for an empty
@@ -614,6 +627,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name completeResetPassword
   /// @{
+
   /// Completes a reset with the PIN code sent by SMS, setting a new password when given (POST
   /// ".../password/complete-reset", anonymous). Errors before any request: 334 empty PIN, 329
   /// identifier of neither kind, 304 invalid password. From the service: 304 (password
@@ -646,6 +660,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name changeEmail
   /// @{
+
   /// Asks for a new e-mail address (PUT "/users/ID/email-address"); it stays pending until
   /// verified. Errors: 305 invalid address; 501 no ID; 311 any refusal of the service.
   Result<void> changeEmailSynchronous(const std::string& emailAddress) {
@@ -666,6 +681,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name changePhone
   /// @{
+
   /// Asks for a new phone number (PUT "/users/ID/phone-number"); it stays pending until
   /// verified. Errors: 308 invalid number; 501 no ID; 312 any refusal of the service.
   Result<void> changePhoneSynchronous(const std::string& phoneNumber) {
@@ -686,6 +702,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name verifyPhoneNumber
   /// @{
+
   /// Verifies the phone number with the code sent by SMS (POST
   /// "/users/ID/phone-number/verify"). Errors: 501 no ID; 313 any refusal of the service.
   Result<void> verifyPhoneNumberSynchronous(const std::string& verificationCode) {
@@ -708,6 +725,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name resendEmailVerification
   /// @{
+
   /// Sends the e-mail verification again (POST ".../email-address/resend-verification").
   /// Errors: 501 no ID.
   Result<void> resendEmailVerificationSynchronous() {
@@ -726,6 +744,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name resendPhoneNumberVerification
   /// @{
+
   /// Sends the phone verification code again (POST ".../phone-number/resend-verification").
   /// Errors: 501 no ID.
   Result<void> resendPhoneNumberVerificationSynchronous() {
@@ -745,6 +764,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name delete
   /// @{
+
   /// Deletes the user on the service (DELETE "/users/ID"); then logs out, whichever user it
   /// was. Errors: 501 no ID.
   Result<void> deleteSynchronous() { return detail::runSync(deleteRoutine()); }
@@ -763,6 +783,7 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
 
   /// @name findUserByUsername, findUserByEmail, findUserByPhone
   /// @{
+
   /// The user with this login name, e-mail address or phone number (GET
   /// "/users/LOGIN_NAME:…", "EMAIL:…", "PHONE:…"). Errors before any request: 307, 305, 308 for
   /// an invalid value; 202 for an unreadable record. The block is required.
@@ -826,10 +847,11 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
   // ------------------------------------------------------------------ groups
 
   /// @name memberOfGroups
+  /// @{
+
   /// The groups the user is a member of (GET "/groups/?is_member=USERID").
   /// Errors: 501 when the user has no ID; 324 user not found; 202 unreadable answer; and the
   /// errors of every exchange. The block and delegate receive the groups, then the error.
-  /// @{
   Result<Groups> memberOfGroupsSynchronous() { return detail::runSync(memberOfGroupsRoutine()); }
   void memberOfGroups(JovBlock<Groups> block, JovCancellation cancel = {}) {
     detail::runBlock(shared_from_this(), memberOfGroupsRoutine(), std::move(block), cancel);
@@ -843,8 +865,9 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
   /// @}
 
   /// @name ownerOfGroups
-  /// The groups the user owns (GET "/groups/?owner=USERID"). Errors as memberOfGroups.
   /// @{
+
+  /// The groups the user owns (GET "/groups/?owner=USERID"). Errors as memberOfGroups.
   Result<Groups> ownerOfGroupsSynchronous() { return detail::runSync(ownerOfGroupsRoutine()); }
   void ownerOfGroups(JovBlock<Groups> block, JovCancellation cancel = {}) {
     detail::runBlock(shared_from_this(), ownerOfGroupsRoutine(), std::move(block), cancel);
