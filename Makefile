@@ -6,8 +6,9 @@ PACKAGE_DIR ?= build/package
 JOBS ?= $(shell nproc)
 WERROR = $(if $(CI),ON,OFF)
 VERSION = $(shell grep -o 'libjov VERSION [0-9.]*' CMakeLists.txt | cut -d' ' -f3)
-# What scripts/demo runs: the emulator and the examples (the library comes with them).
-DEMO_TARGETS = jov-emulator quickstart groups notes server_code
+# What scripts/demo runs, as it lists them: the emulator and the examples (the library comes
+# with them). The rest (tests, benchmarks, the CLI) is left to `make build`.
+DEMO_TARGETS = $(shell scripts/demo --targets)
 
 .PHONY: all deps configure build test demo asan tsan bench package docs clean format
 
