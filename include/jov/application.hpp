@@ -16,6 +16,11 @@ namespace jov {
 class JovBucket;
 class JovGroup;
 class JovServerCodeEntry;
+class JovTopic;
+template <class T>
+struct JovListResult;
+template <class T>
+class Result;
 class JovUser;
 class JovURLRequestFactory;
 
@@ -42,7 +47,8 @@ enum JovSite : std::int32_t {
 /// from any thread.
 class Jov {
  public:
-  /// @brief The singleton.
+  /// @brief The one instance behind the static operations; made on first use, never destroyed
+  /// (completions still running at exit may reach it).
   static Jov& sharedInstance();
   Jov(const Jov&) = delete;
   Jov& operator=(const Jov&) = delete;
@@ -120,11 +126,11 @@ class Jov {
 
   /// @brief Limit for establishing a connection (default 30 s).
   static void setConnectTimeout(std::chrono::milliseconds timeout);
-  /// @brief The connect limit.
+  /// @brief The limit set by setConnectTimeout (30 s unless changed).
   static std::chrono::milliseconds connectTimeout();
   /// @brief A request that receives or sends no byte for this long fails with 201 (default 60 s).
   static void setIdleTimeout(std::chrono::milliseconds timeout);
-  /// @brief The idle limit.
+  /// @brief The limit set by setIdleTimeout (60 s unless changed).
   static std::chrono::milliseconds idleTimeout();
   /// @brief A CA bundle to verify TLS peers with, instead of the system's; empty restores it.
   static void setCAFile(const std::filesystem::path& caFile);
@@ -149,6 +155,13 @@ class Jov {
   static std::shared_ptr<JovBucket> bucketWithName(const std::string& name);
   /// @brief The application-scope encrypted bucket of this name.
   static std::shared_ptr<JovBucket> encryptedBucketWithName(const std::string& name);
+
+  /// @brief The application's push topic of this name ("/topics/NAME"; nothing is fetched).
+  static std::shared_ptr<JovTopic> topicWithName(const std::string& name);
+  /// @brief One page of the application's topics, from the page the key names or from the
+  /// first; see JovTopic::listTopicsSynchronous for the errors.
+  static Result<JovListResult<std::shared_ptr<JovTopic>>> listTopicsSynchronous(
+      std::optional<std::string> paginationKey = {});
 
   /// @brief The entry of this name at the "current" (latest) code version, with no
   /// runtime-environment version; the checks are those of the three-argument form.

@@ -24,7 +24,7 @@ enum class JovCredentialStoreStatus {
 
 /// @brief The outcome of a store operation: its status and the store's own code (errno, ...).
 struct JovCredentialStoreOutcome {
-  /// @brief The status.
+  /// @brief What the operation came to; only Success makes ok() true.
   JovCredentialStoreStatus status = JovCredentialStoreStatus::Success;
   /// @brief The store's own code, reported as "keychain_error"; 0 on success.
   int code = 0;
@@ -93,7 +93,9 @@ class JovKeyChainWrapper {
   /// @brief The user of the record; 331 when it is incomplete or was written for another
   /// application ID or base URL, 1202 when it cannot be read.
   static Result<std::shared_ptr<JovUser>> jovUserFromMatchingService(const std::string& service);
-  /// @brief Deletes the record.
+  /// @brief Deletes the record. Fails with 1204 when there is none, 1205 when access is
+  /// refused, 1201 on any other failure of the store; after it, succeeded or not, the next write
+  /// of the record reaches the store even when the record did not change.
   static Result<void> deleteFromKeychainWithService(const std::string& service);
   /// @brief Deletes every record of the store in use.
   static Result<void> deleteAllKeychainItems();

@@ -65,9 +65,9 @@ class Result {
     return ok() ? std::nullopt : std::optional<JovError>(std::get<1>(state_));
   }
 
-  /// @brief Dereferences the value.
+  /// @brief The value's members; raises JovBadResultAccess on a failed result, as value().
   T* operator->() { return &value(); }
-  /// @brief Dereferences the value.
+  /// @brief The value; raises JovBadResultAccess on a failed result, as value().
   T& operator*() & { return value(); }
 
   /// @brief On success, f(value) (which returns a Result); on failure, the error unchanged.
