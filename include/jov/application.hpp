@@ -47,8 +47,8 @@ enum JovSite : std::int32_t {
 /// from any thread.
 class Jov {
  public:
-  /// @brief The one instance behind the static operations; made on first use, never destroyed
-  /// (completions still running at exit may reach it).
+  /// @brief The one instance behind the static operations; made on first use and never
+  /// destroyed, so it stays valid while the process exits.
   static Jov& sharedInstance();
   Jov(const Jov&) = delete;
   Jov& operator=(const Jov&) = delete;
