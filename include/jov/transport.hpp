@@ -29,7 +29,8 @@ class JovURLRequest : public std::enable_shared_from_this<JovURLRequest> {
   /// @brief Progress of the response body: bytes received so far and the expected total (-1).
   using ReceivedHandler = std::function<void(std::int64_t received, std::int64_t expected)>;
 
-  /// @brief A request for this URL.
+  /// @brief A GET of this URL without headers or body; nothing goes out before sendRequest() or
+  /// sendRequestAsync().
   explicit JovURLRequest(std::string url) : url_(std::move(url)) {}
   virtual ~JovURLRequest() = default;
 
@@ -39,7 +40,7 @@ class JovURLRequest : public std::enable_shared_from_this<JovURLRequest> {
   void addValue(const std::string& value, const std::string& field);
   /// @brief Sets the method string ("GET", "PUT", ...).
   void setHTTPMethod(std::string method) { method_ = std::move(method); }
-  /// @brief Sets the body bytes.
+  /// @brief Sets the body bytes, sent when no body file is set.
   void setHTTPBody(std::string body) { body_ = std::move(body); }
   /// @brief Streams the body from a file instead of memory.
   void setHTTPBodyFile(std::filesystem::path file) { bodyFile_ = std::move(file); }
@@ -66,13 +67,13 @@ class JovURLRequest : public std::enable_shared_from_this<JovURLRequest> {
   /// cannot stop a blocking sendRequest() and lets it finish.
   virtual void cancelRequest() {}
 
-  /// @brief The URL.
+  /// @brief The URL given at construction, query string included.
   const std::string& url() const { return url_; }
-  /// @brief The method string.
+  /// @brief The method: "GET" unless setHTTPMethod() changed it.
   const std::string& httpMethod() const { return method_; }
   /// @brief The request headers in order.
   const JovHeaders& headers() const { return headers_; }
-  /// @brief The body bytes.
+  /// @brief The body bytes; ignored when a body file is set.
   const std::string& httpBody() const { return body_; }
   /// @brief The body file, when the body streams from one.
   const std::optional<std::filesystem::path>& httpBodyFile() const { return bodyFile_; }
@@ -81,7 +82,7 @@ class JovURLRequest : public std::enable_shared_from_this<JovURLRequest> {
 
   /// @brief The HTTP status; 0 when none arrived.
   int responseCode() const { return responseCode_; }
-  /// @brief The response headers.
+  /// @brief The response headers kept (see setKeepAllResponseHeaders()), in the order received.
   const JovHeaders& responseHeaders() const { return responseHeaders_; }
   /// @brief The transport error (no connection, TLS, timeout), if any.
   const std::optional<std::string>& responseError() const { return responseError_; }
