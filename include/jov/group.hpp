@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,7 +19,10 @@
 namespace jov {
 
 class JovBucket;
+class JovTopic;
 class JovUser;
+template <class T>
+struct JovListResult;
 
 /// @brief A group of users with an owner, created on the service when first saved.
 ///
@@ -91,6 +95,17 @@ class JovGroup : public std::enable_shared_from_this<JovGroup> {
   std::shared_ptr<JovBucket> bucketWithName(const std::string& name);
   /// @brief The group's encrypted bucket of this name.
   std::shared_ptr<JovBucket> encryptedBucketWithName(const std::string& name);
+
+  /// @brief The group's push topic of this name ("/groups/ID/topics/NAME"; nothing is fetched).
+  std::shared_ptr<JovTopic> topicWithName(const std::string& name);
+  /// @brief One page of the group's topics, from the page the key names or from the first; see
+  /// JovTopic::listTopicsSynchronous for the errors. The block receives the page, then the error.
+  Result<JovListResult<std::shared_ptr<JovTopic>>> listTopicsSynchronous(
+      std::optional<std::string> paginationKey = {});
+  /// @brief The block form of listTopicsSynchronous.
+  void listTopics(std::optional<std::string> paginationKey,
+                  JovBlock<JovListResult<std::shared_ptr<JovTopic>>> block,
+                  JovCancellation cancel = {});
 
   /// @name save
   /// @{

@@ -150,8 +150,8 @@ class JovPushInstallation : public std::enable_shared_from_this<JovPushInstallat
   }
   static void uninstallWithDeviceToken(const TokenData& deviceToken, InstallationBlock block,
                                        JovCancellation cancel = {}) {
-    detail::runBlock(installation(), uninstallRoutine(checkedToken(deviceToken)),
-                     std::move(block), cancel);
+    detail::runBlock(installation(), uninstallRoutine(checkedToken(deviceToken)), std::move(block),
+                     cancel);
   }
   static void uninstallWithDeviceToken(const TokenData& deviceToken, JovCallback callback,
                                        JovCancellation cancel = {}) {

@@ -27,6 +27,9 @@ namespace jov {
 
 class JovBucket;
 class JovGroup;
+class JovTopic;
+template <class T>
+struct JovListResult;
 namespace detail {
 struct UserAccess;
 }
@@ -843,6 +846,19 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
   std::shared_ptr<JovBucket> bucketWithName(const std::string& name);
   /// @brief The user's encrypted bucket of this name.
   std::shared_ptr<JovBucket> encryptedBucketWithName(const std::string& name);
+
+  // ------------------------------------------------------------------ topics
+
+  /// @brief The user's push topic of this name ("/users/ID/topics/NAME"; nothing is fetched).
+  std::shared_ptr<JovTopic> topicWithName(const std::string& name);
+  /// @brief One page of the user's topics, from the page the key names or from the first; see
+  /// JovTopic::listTopicsSynchronous for the errors. The block receives the page, then the error.
+  Result<JovListResult<std::shared_ptr<JovTopic>>> listTopicsSynchronous(
+      std::optional<std::string> paginationKey = {});
+  /// @brief The block form of listTopicsSynchronous.
+  void listTopics(std::optional<std::string> paginationKey,
+                  JovBlock<JovListResult<std::shared_ptr<JovTopic>>> block,
+                  JovCancellation cancel = {});
 
   // ------------------------------------------------------------------ groups
 
