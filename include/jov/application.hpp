@@ -41,6 +41,31 @@ enum JovSite : std::int32_t {
   JovSiteEU = 5,
 };
 
+/// @brief When and how often an exchange that failed on the way is sent again (see
+/// Jov::setRetryPolicy).
+///
+/// Only GET, HEAD, PUT and DELETE are retried, and only when no answer came (no connection, a
+/// connection lost, no byte for the idle limit) or the answer was 502, 503 or 504. POST, PATCH
+/// and requests carrying "X-HTTP-Method-Override" are never retried.
+///
+/// The n-th retry waits initialDelay * multiplier^(n-1), at most maxDelay, of which the
+/// fraction `jitter` is drawn at random; the wait runs on the library's I/O thread, and
+/// cancelling the operation ends it at once.
+struct JovRetryPolicy {
+  /// @brief Attempts in all, the first one included (1: never retry).
+  int maxAttempts = 3;
+  /// @brief The wait before the first retry.
+  std::chrono::milliseconds initialDelay{200};
+  /// @brief The longest wait between two attempts.
+  std::chrono::milliseconds maxDelay{5000};
+  /// @brief The factor by which the wait grows from one retry to the next.
+  double multiplier = 2.0;
+  /// @brief The part of each wait (0 to 1) drawn at random, so that clients do not retry in step.
+  double jitter = 0.5;
+  /// @brief No retry starts later than this after the first attempt started.
+  std::chrono::milliseconds budget{30000};
+};
+
 /// @brief The process-wide singleton: begin it once, then use the rest of the library.
 ///
 /// Every operation is static and forwards to the one instance; all of them are safe to call
@@ -136,6 +161,30 @@ class Jov {
   static void setCAFile(const std::filesystem::path& caFile);
   /// @brief The CA bundle set, empty for the system's.
   static std::filesystem::path caFile();
+
+  /// @brief Retries exchanges that failed on the way by this policy; nothing (the default)
+  /// sends every exchange once. See JovRetryPolicy for what is retried.
+  ///
+  /// @code
+  /// jov::JovRetryPolicy policy;
+  /// policy.maxAttempts = 4;
+  /// jov::Jov::setRetryPolicy(policy);
+  /// @endcode
+  static void setRetryPolicy(std::optional<JovRetryPolicy> policy);
+  /// @brief The retry policy set, or nothing when exchanges are sent once.
+  static std::optional<JovRetryPolicy> retryPolicy();
+  /// @brief The largest answer kept in memory, in bytes (default 16 MiB; 0: no limit). A larger
+  /// answer fails with 202 after at most this many bytes were read. Bodies downloaded to a file
+  /// are not limited.
+  static void setMaxAnswerSize(std::size_t bytes);
+  /// @brief The limit set by setMaxAnswerSize (16 MiB unless changed).
+  static std::size_t maxAnswerSize();
+  /// @brief Shows secrets in the request trace: by default the values of "Authorization",
+  /// "X-Jov-AppKey" and of the JSON fields "password", "newPassword", "access_token",
+  /// "refresh_token", "_accessToken" and "thingPassword" print as "***".
+  static void setTraceSecrets(bool show);
+  /// @brief True when the trace shows secrets (false unless set).
+  static bool traceSecrets();
 
   /// @brief Number of worker threads for asynchronous operations (default 4; at least 1).
   static void setWorkerPoolSize(std::size_t threads);

@@ -44,7 +44,8 @@ class JovError {
   /// @brief The "http_status" value; 0 when absent.
   int jovHttpStatus() const;
 
-  /// @brief A one-line text for logs: domain, code and description or server message.
+  /// @brief A one-line text for logs: domain, code and description or server message, and for a
+  /// failure below HTTP its "cause" and "url".
   std::string describe() const;
 
   /// @brief Equal when domain, code and user info are equal.

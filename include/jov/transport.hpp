@@ -57,6 +57,19 @@ class JovURLRequest : public std::enable_shared_from_this<JovURLRequest> {
   /// "X-Environment-version").
   void setKeepAllResponseHeaders(bool keep) { keepAllHeaders_ = keep; }
 
+  /// @brief Limits a response body kept in memory to this many bytes (0: no limit). A larger
+  /// one ends the exchange as soon as it is known to be larger (by its Content-Length, or once
+  /// that many bytes arrived) and sets responseTooLarge(). A body written to the download file
+  /// is not limited.
+  void setMaxResponseSize(std::size_t bytes) { maxResponseSize_ = bytes; }
+  /// @brief The limit set by setMaxResponseSize(); 0 when there is none.
+  std::size_t maxResponseSize() const { return maxResponseSize_; }
+
+  /// @brief False for an exchange that must not reach the service twice: POST, PATCH and any
+  /// request carrying "X-HTTP-Method-Override". A transport never sends such a request again on
+  /// its own (on a new connection, say), and the library never retries it.
+  bool isIdempotent() const;
+
   /// @brief Sends and blocks until the exchange ends; fills the response fields.
   virtual void sendRequest() = 0;
   /// @brief Sends without blocking; `done` runs once, on any thread but the caller's own
@@ -88,6 +101,12 @@ class JovURLRequest : public std::enable_shared_from_this<JovURLRequest> {
   const std::optional<std::string>& responseError() const { return responseError_; }
   /// @brief The response body (empty when it went to the download file).
   std::string& responseData() { return responseData_; }
+  /// @brief True when the exchange ended because the response body exceeded
+  /// maxResponseSize(); responseError() is empty then and the body incomplete.
+  bool responseTooLarge() const { return responseTooLarge_; }
+  /// @brief True when responseError() comes from this side (an unreadable body file, an
+  /// unwritable download), so that sending again would fail the same way.
+  bool localFailure() const { return localFailure_; }
 
  protected:
   /// @brief Reports sent bytes to the handler.
@@ -142,7 +161,14 @@ class JovURLRequest : public std::enable_shared_from_this<JovURLRequest> {
   std::optional<std::string> responseError_;
   /// @brief The response body; empty when it was written to downloadFile_.
   std::string responseData_;
+  /// @brief Set when the body exceeded maxResponseSize_ and the exchange was ended for it.
+  bool responseTooLarge_ = false;
+  /// @brief Set with responseError_ when the failure is a local file's, not the network's.
+  bool localFailure_ = false;
   /// @}
+
+  /// @brief The limit of an in-memory response body; 0: none.
+  std::size_t maxResponseSize_ = 0;
 };
 
 /// @brief Makes transports; Jov holds one, and replacing it plugs in another transport.

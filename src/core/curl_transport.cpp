@@ -5,12 +5,23 @@
 // connections between every exchange in flight. Handles keep their options between requests:
 // only what differs from one request to the next is set again. DNS answers and TLS sessions are
 // shared by every handle.
+//
+// libcurl sends a request again on a new connection when a reused one was closed by the server
+// after it read the request but before it answered. That is harmless for a GET and wrong for a
+// POST, which the service may have acted on: a request that is not idempotent is allowed one
+// attempt (the pre-request callback runs once per attempt and refuses the second), so that the
+// caller gets 201 and decides. Opening a fresh connection for every POST would avoid the replay
+// too, but costs a TCP and TLS handshake each time; refusing the rare replay costs nothing.
 
 #include <curl/curl.h>
 
+#include <strings.h>
+
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <vector>
@@ -125,7 +136,8 @@ class CurlRequest final : public JovURLRequest, public detail::LoopTransfer {
   // The handle this request was added to the loop with (the loop asks even after it ended).
   CURL* easyHandle() override { return loopEasy_; }
   void transferDone(CURLcode code) override {
-    if (code == CURLE_ABORTED_BY_CALLBACK && !idleExpired_ && !fileFailed_) cancelled_ = true;
+    if (code == CURLE_ABORTED_BY_CALLBACK && !idleExpired_ && !fileFailed_ && !replayRefused_)
+      cancelled_ = true;
     complete(code);
     auto done = std::move(done_);
     auto keep = std::move(self_);
@@ -136,10 +148,14 @@ class CurlRequest final : public JovURLRequest, public detail::LoopTransfer {
   static size_t onWrite(char* data, size_t size, size_t count, void* ctx);
   static size_t onRead(char* data, size_t size, size_t count, void* ctx);
   static int onProgress(void* ctx, curl_off_t, curl_off_t dlnow, curl_off_t, curl_off_t ulnow);
+  static int onPrereq(void* ctx, char*, char*, int, int);
+  static int onSeek(void* ctx, curl_off_t offset, int origin);
 
  private:
   bool prepare(HandlePool& pool);
   void complete(CURLcode code);
+  bool headersEnded();
+  bool keep(const char* data, size_t n);
 
   HandlePool& syncPool_;
   HandlePool& asyncPool_;
@@ -155,6 +171,10 @@ class CurlRequest final : public JovURLRequest, public detail::LoopTransfer {
   bool fileFailed_ = false;
   bool cancelled_ = false;
   bool started_ = false;  // the first byte of the current response body arrived
+  bool sendOnce_ = false;        // not idempotent: one attempt only
+  bool replayRefused_ = false;   // libcurl was about to send it a second time
+  int attempts_ = 0;             // pre-request callbacks of this exchange
+  std::int64_t announced_ = -1;  // Content-Length of the current response, when given
   std::int64_t received_ = 0;
   std::int64_t expected_ = -1;
   curl_off_t lastDown_ = 0, lastUp_ = 0;
@@ -198,6 +218,10 @@ HandleContext* HandlePool::acquire() {
   curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &CurlRequest::onProgress);
   curl_easy_setopt(easy, CURLOPT_XFERINFODATA, context);
   curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 1L);
+  curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &CurlRequest::onPrereq);
+  curl_easy_setopt(easy, CURLOPT_PREREQDATA, context);
+  curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, &CurlRequest::onSeek);
+  curl_easy_setopt(easy, CURLOPT_SEEKDATA, context);
   return context;
 }
 
@@ -216,11 +240,19 @@ size_t CurlRequest::onHeader(char* data, size_t size, size_t count, void* ctx) {
     r->responseData_.clear();
     r->received_ = 0;
     r->started_ = false;
+    r->announced_ = -1;
     return n;
   }
+  if (length == 0) return r->headersEnded() ? n : 0;
   const void* colon = std::memchr(data, ':', length);
   if (colon == nullptr) return n;
   const size_t nameLength = static_cast<size_t>(static_cast<const char*>(colon) - data);
+  if (nameLength == 14 && strncasecmp(data, "Content-Length", 14) == 0) {
+    char* end = nullptr;
+    std::string value(static_cast<const char*>(colon) + 1, length - nameLength - 1);
+    long long announced = std::strtoll(value.c_str(), &end, 10);
+    if (end != value.c_str() && announced >= 0) r->announced_ = announced;
+  }
   if (!r->keepsHeader(data, nameLength)) return n;
   size_t valueStart = nameLength + 1;
   while (valueStart < length && (data[valueStart] == ' ' || data[valueStart] == '\t')) ++valueStart;
@@ -243,19 +275,22 @@ size_t CurlRequest::onWrite(char* data, size_t size, size_t count, void* ctx) {
     r->toFile_ = r->downloadFile_ && status >= 200 && status <= 299;
     if (r->toFile_ && !r->download_.isOpen() && !r->download_.open(*r->downloadFile_)) {
       r->fileFailed_ = true;
+      r->localFailure_ = true;
       return 0;  // aborts the transfer
     }
     // One allocation for bodies of a known size, so a large body is not copied as it grows.
-    if (!r->toFile_ && length > 0 && length < (std::int64_t{1} << 31))
+    if (!r->toFile_ && length > 0 && length < (std::int64_t{1} << 31) &&
+        (r->maxResponseSize_ == 0 || static_cast<size_t>(length) <= r->maxResponseSize_))
       r->responseData_.reserve(static_cast<size_t>(length));
   }
   if (r->toFile_) {
     if (!r->download_.write(data, n)) {
       r->fileFailed_ = true;
+      r->localFailure_ = true;
       return 0;
     }
-  } else {
-    r->responseData_.append(data, n);
+  } else if (!r->keep(data, n)) {
+    return 0;
   }
   r->received_ += static_cast<std::int64_t>(n);
   if (r->onReceived_) r->reportReceived(r->received_, r->expected_);
@@ -286,6 +321,57 @@ int CurlRequest::onProgress(void* ctx, curl_off_t, curl_off_t dlnow, curl_off_t,
   return 0;
 }
 
+int CurlRequest::onPrereq(void* ctx, char*, char*, int, int) {
+  CurlRequest* r = requestOf(ctx);
+  if (++r->attempts_ > 1 && r->sendOnce_) {
+    r->replayRefused_ = true;
+    return CURL_PREREQFUNC_ABORT;
+  }
+  return CURL_PREREQFUNC_OK;
+}
+
+// Rewinds a body file for a request libcurl sends again (only idempotent ones get that far).
+int CurlRequest::onSeek(void* ctx, curl_off_t offset, int origin) {
+  CurlRequest* r = requestOf(ctx);
+  if (r->uploadFile_ == nullptr) return CURL_SEEKFUNC_CANTSEEK;
+  return fseeko(r->uploadFile_, static_cast<off_t>(offset), origin) == 0 ? CURL_SEEKFUNC_OK
+                                                                         : CURL_SEEKFUNC_FAIL;
+}
+
+// The end of a response's headers: a body kept in memory that announces more than the limit is
+// refused before a byte of it is read.
+bool CurlRequest::headersEnded() {
+  if (maxResponseSize_ == 0 || method_ == "HEAD" || announced_ < 0) return true;
+  long status = 0;
+  curl_easy_getinfo(context_->easy, CURLINFO_RESPONSE_CODE, &status);
+  if (status < 200) return true;  // an interim answer (100 Continue); the real one follows
+  if (downloadFile_ && status <= 299) return true;
+  if (static_cast<std::uint64_t>(announced_) <= maxResponseSize_) return true;
+  responseTooLarge_ = true;
+  return false;
+}
+
+// Appends a piece of an in-memory body. Growth is by half the size, with a fresh buffer each
+// time (libstdc++'s reserve would double it): while a buffer of c bytes is copied into one of
+// 1.5c, at most 2.5 times the body is allocated.
+bool CurlRequest::keep(const char* data, size_t n) {
+  const size_t size = responseData_.size();
+  if (maxResponseSize_ != 0 && size + n > maxResponseSize_) {
+    responseTooLarge_ = true;
+    return false;
+  }
+  if (size + n > responseData_.capacity()) {
+    size_t wanted = std::max(size + n, std::max<size_t>(size + size / 2, 16384));
+    if (maxResponseSize_ != 0) wanted = std::min(wanted, maxResponseSize_);
+    std::string grown;
+    grown.reserve(wanted);
+    grown.append(responseData_);
+    responseData_.swap(grown);
+  }
+  responseData_.append(data, n);
+  return true;
+}
+
 bool CurlRequest::prepare(HandlePool& pool) {
   responseCode_ = 0;
   responseHeaders_.clear();
@@ -294,6 +380,10 @@ bool CurlRequest::prepare(HandlePool& pool) {
   received_ = 0;
   expected_ = -1;
   idleExpired_ = fileFailed_ = toFile_ = cancelled_ = started_ = false;
+  responseTooLarge_ = localFailure_ = replayRefused_ = false;
+  attempts_ = 0;
+  announced_ = -1;
+  sendOnce_ = !isIdempotent();
 
   context_ = pool.acquire();
   if (context_ == nullptr) {
@@ -309,6 +399,7 @@ bool CurlRequest::prepare(HandlePool& pool) {
     uploadFile_ = std::fopen(bodyFile_->c_str(), "rb");
     if (uploadFile_ == nullptr) {
       responseError_ = "cannot read " + bodyFile_->string();
+      localFailure_ = true;
       pool_->release(context_);
       context_ = nullptr;
       return false;
@@ -390,13 +481,20 @@ void CurlRequest::complete(CURLcode code) {
   long status = 0;
   curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
 
-  if (code != CURLE_OK) {
+  if (code != CURLE_OK && responseTooLarge_) {
+    // Not a failure of the connection: the answer came, larger than the caller accepts.
+    responseCode_ = static_cast<int>(status);
+    download_.discard();
+  } else if (code != CURLE_OK) {
     if (cancelled_) {
       responseError_ = "cancelled";
     } else if (idleExpired_ || code == CURLE_OPERATION_TIMEDOUT) {
       responseError_ = "no data for " + std::to_string(idleLimit_.count()) + " ms";
     } else if (fileFailed_) {
       responseError_ = "cannot write the download: " + download_.error();
+    } else if (replayRefused_) {
+      responseError_ = "the connection closed before an answer came, and a " + method_ +
+                       " is not sent twice";
     } else {
       responseError_ =
           std::string(curl_easy_strerror(code)) +
@@ -409,8 +507,10 @@ void CurlRequest::complete(CURLcode code) {
       // An empty 2xx body still produces the (empty) file.
       if (!download_.isOpen() && !download_.open(*downloadFile_)) {
         responseError_ = "cannot write the download: " + download_.error();
+        localFailure_ = true;
       } else if (!download_.commit()) {
         responseError_ = "cannot write the download: " + download_.error();
+        localFailure_ = true;
       }
     }
   }

@@ -69,6 +69,16 @@ std::string JovError::describe() const {
   } else if (auto d = userInfo_.find("description"); d != userInfo_.end() && d->is_string()) {
     text += ": " + d->get<std::string>();
   }
+  // A failure below HTTP says what failed and for which URL.
+  auto cause = nonEmptyString(userInfo_, "cause");
+  auto url = nonEmptyString(userInfo_, "url");
+  if (cause || url) {
+    text += " (";
+    if (cause) text += "cause: " + *cause;
+    if (cause && url) text += ", ";
+    if (url) text += "url: " + *url;
+    text += ")";
+  }
   return text;
 }
 

@@ -78,6 +78,7 @@ void addBody(JovRequest& r, JovURLRequest& t, const std::string& etag) {
                           });
   }
   t.setKeepAllResponseHeaders(r.keepAllResponseHeaders);
+  t.setMaxResponseSize(Jov::maxAnswerSize());
 }
 
 // The application's headers, method, media types and the caller's own headers.
@@ -347,11 +348,24 @@ JovResponse finish(Execution& x) {
   if (x.trace) showHttpResponseInfo(t);
   if (t.responseError()) {
     JOV_LOG(kTraceLevel, "Transport error: " + *t.responseError());
-    x.response.error = JovError::errorWithCode(JovError::codeUnableToConnectToInternet());
+    // What failed and where: the code says only that no answer came.
+    nlohmann::json info = {{"cause", *t.responseError()}, {"url", t.url()}};
+    x.response.error =
+        JovError::errorWithCode(JovError::codeUnableToConnectToInternet(), std::move(info));
     return std::move(x.response);
   }
   const int status = t.responseCode();
   if (status >= 1) x.response.status = status;
+  if (t.responseTooLarge()) {
+    const std::string cause =
+        "the answer is larger than " + std::to_string(Jov::maxAnswerSize()) + " bytes";
+    JOV_LOG(kTraceLevel, "Answer refused: " + cause);
+    nlohmann::json info = {{"cause", cause}, {"url", t.url()}};
+    if (status >= 1) info["http_status"] = status;
+    x.response.error =
+        JovError::errorWithCode(JovError::codeUnableToParseResponse(), std::move(info));
+    return std::move(x.response);
+  }
   if (status >= 200 && status <= 299) {
     readSuccess(x.r, t, x.response);
     return std::move(x.response);

@@ -19,6 +19,11 @@ void JovURLRequest::setValue(const std::string& value, const std::string& field)
   headers_.emplace_back(field, value);
 }
 
+bool JovURLRequest::isIdempotent() const {
+  if (method_ == "POST" || method_ == "PATCH") return false;
+  return !jovHeaderValue(headers_, "X-HTTP-Method-Override").has_value();
+}
+
 void JovURLRequest::addValue(const std::string& value, const std::string& field) {
   headers_.emplace_back(field, value);
 }

@@ -1,8 +1,10 @@
 // The file credential store: one file per service name in DATA_DIR/credentials.
 //
-// The directory is 0700 and each record 0600. A record is written to a temporary file that is
-// flushed and then renamed into place, so a crash leaves either the old record or the new one;
-// temporary names begin with "." and are never read as records.
+// The directory is 0700 and each record 0600. A record is written to an unnamed file that is
+// flushed, linked under a temporary name and renamed into place, so a crash leaves either the
+// old record or the new one. Temporary names begin with "." and are never read as records; the
+// one a crash can leave between the link and the rename (or, on a filesystem without unnamed
+// files, during the whole write) is removed by the next use of the store and by a log-out.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -75,6 +77,7 @@ class FileCredentialStore final : public JovCredentialStore {
 
   JovCredentialStoreOutcome read(const std::string& service, std::string& blob) override {
     const auto path = directory() / fileNameFor(service);
+    sweepOnce(path);
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0) return failure(errno, "open " + path.string());
     std::string data;
@@ -97,9 +100,12 @@ class FileCredentialStore final : public JovCredentialStore {
 
   JovCredentialStoreOutcome remove(const std::string& service) override {
     const auto dir = directory();
+    const auto target = dir / fileNameFor(service);
     std::lock_guard lock(mutex_);
-    if (::unlink((dir / fileNameFor(service)).c_str()) != 0)
-      return failure(errno, "unlink " + service);
+    // Nothing of the record outlives a log-out, not even a temporary file of this process: under
+    // the lock no write of this store is under way.
+    detail::AtomicFileWriter::removeStale(target, true);
+    if (::unlink(target.c_str()) != 0) return failure(errno, "unlink " + service);
     syncDirectory(dir);
     return {};
   }
@@ -139,6 +145,7 @@ class FileCredentialStore final : public JovCredentialStore {
     const auto target = dir / fileNameFor(service);
 
     std::lock_guard lock(mutex_);
+    detail::AtomicFileWriter::removeStale(target);
     struct stat st {};
     const bool exists = ::lstat(target.c_str(), &st) == 0;
     if (add && exists) return {Status::Duplicate, EEXIST, "exists"};
@@ -151,7 +158,17 @@ class FileCredentialStore final : public JovCredentialStore {
     return {};
   }
 
+  // The first read of a record by this store, typically at launch, removes what a crashed
+  // writer left beside it; later reads do not scan the directory again.
+  void sweepOnce(const std::filesystem::path& record) {
+    std::lock_guard lock(mutex_);
+    if (swept_ == record) return;
+    swept_ = record;
+    detail::AtomicFileWriter::removeStale(record);
+  }
+
   std::filesystem::path fixed_;
+  std::filesystem::path swept_;
   std::mutex mutex_;  // one writer at a time, so add's check and its rename are one step
 };
 

@@ -253,11 +253,14 @@ TEST_F(RequestTest, MapsEveryFailureRow) {
     EXPECT_EQ(res.json, parsed.is_discarded() ? json() : parsed) << "the JSON is handed back";
   }
 
-  // No answer at all: 201 with no user info beyond the description, and no status.
+  // No answer at all: 201 saying what failed and for which URL, and no status.
   JovRequest r("/x");
   auto down = run(r, {0, "", {}, std::string("refused")});
   EXPECT_EQ(down.error->code(), 201);
-  EXPECT_EQ(down.error->userInfo(), (json{{"description", "Unable to connect to the internet"}}));
+  EXPECT_EQ(down.error->userInfo(), (json{{"description", "Unable to connect to the internet"},
+                                          {"cause", "refused"},
+                                          {"url", "http://example.test/api/apps/app1/x"}}));
+  EXPECT_NE(down.error->describe().find("cause: refused"), std::string::npos);
   EXPECT_EQ(down.status, 0);
 }
 
