@@ -6,6 +6,8 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 #include <variant>
 #include <vector>
@@ -95,7 +97,7 @@ class JovACL : public std::enable_shared_from_this<JovACL> {
   using Ptr = std::shared_ptr<JovACL>;
   /// @brief Entries in list order.
   using Entries = std::vector<JovACLEntry::Ptr>;
-  /// @brief What a list belongs to.
+  /// @brief What a list belongs to: an object or a bucket; no other kind can be given.
   using Parent = std::variant<std::shared_ptr<JovObject>, std::shared_ptr<JovBucket>>;
   /// @brief Listing blocks receive the list, the entries, then the error.
   using ListBlock = JovBlock<Ptr, Entries>;
@@ -107,7 +109,8 @@ class JovACL : public std::enable_shared_from_this<JovACL> {
 
   /// @brief The list path, ".../acl" of the parent; nothing while the parent has no path.
   std::optional<std::string> aclPath() const;
-  /// @brief Adds an entry to save, unless one with the same subject, action and grant is there.
+  /// @brief Adds an entry to save, unless an equal one is there: the same subject, grant and
+  /// action name (6 and 7 are equal to 4 and 5). A null entry is ignored.
   void putACLEntry(const JovACLEntry::Ptr& entry);
   /// @brief Takes an entry out of the local list (it revokes nothing: that is an entry with
   /// grant false).
@@ -132,34 +135,52 @@ class JovACL : public std::enable_shared_from_this<JovACL> {
   }
   /// @}
 
+  /// @brief What a save did: the entries saved, those that failed (still pending), and the
+  /// error: 514 when any failed, 501 when the parent has no path, 1301/1302 when it was
+  /// cancelled (the entries not tried yet are among the failed).
+  struct SaveReport {
+    Entries succeeded;              ///< saved, marked updated, out of the list
+    Entries failed;                 ///< still in the list for the next save
+    std::optional<JovError> error;  ///< none when every entry was saved
+  };
+
   /// @name save
   /// @{
 
   /// Sends every entry not yet saved, in order, one request each: PUT (grant) or DELETE
-  /// (revoke) PARENT/acl/ACTION/SUBJECT. A saved entry is marked updated and leaves the list;
-  /// a failed one stays for the next save. When any failed, the error is 514 and both lists are
-  /// still given (nothing saved is rolled back). Errors: 501 the parent has no path.
+  /// (revoke) PARENT/acl/ACTION/SUBJECT, with no body. A saved entry is marked updated and
+  /// leaves the list; a failed one stays for the next save, which retries only those. Every
+  /// pending entry is tried; when any failed, the error is 514 and both lists are still given
+  /// (nothing saved is rolled back). An entry already being sent by a save running at the same
+  /// time is left to that save. A user or group subject without an ID fails without a request.
+  /// The blocking forms fill `succeeded` and `failed`; the block and the delegate receive (list,
+  /// succeeded, failed, error); the future gives a SaveReport. Errors: 514 some entry failed; 501
+  /// the parent has no path; 1301/1302 cancelled.
   Result<void> saveSynchronous(Entries& succeeded, Entries& failed);
+  Result<void> saveSynchronous(Entries& failed);
   Result<void> saveSynchronous() {
     Entries succeeded, failed;
     return saveSynchronous(succeeded, failed);
   }
   void save(SaveBlock block, JovCancellation cancel = {});
   void save(JovCallback callback, JovCancellation cancel = {});
+  std::future<SaveReport> saveAsync(JovCancellation cancel = {});
   /// @}
 
  private:
-  struct SaveOutcome {
-    Entries succeeded, failed;
-    std::optional<JovError> error;
-  };
   Ptr self() { return shared_from_this(); }
   detail::Routine<Entries> listRoutine();
-  detail::Routine<SaveOutcome> saveRoutine();
+  detail::Routine<SaveReport> saveRoutine();
+  // The pending entries no other save is sending, now held by the caller until released.
+  Entries claimPending();
+  void releaseClaimed(const Entries& claimed);
+  // Marks an entry saved and takes it out of the list.
+  void markSaved(const JovACLEntry::Ptr& entry);
 
   const Parent parent_;
   mutable std::mutex mutex_;
   Entries entries_;
+  std::set<const JovACLEntry*> sending_;  // claimed by a save in progress
 };
 
 }  // namespace jov

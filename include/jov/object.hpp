@@ -12,6 +12,7 @@
 #include <set>
 #include <string>
 #include <variant>
+#include <vector>
 
 #include "jov/async.hpp"
 #include "jov/cancellation.hpp"
@@ -101,7 +102,7 @@ class JovObject : public std::enable_shared_from_this<JovObject> {
 
   /// @brief Sets a field and adds its key to the change set. False, and nothing changed, for an
   /// empty key or one beginning with "_" (508 kept in lastError), or a value that cannot be
-  /// written as JSON (502).
+  /// written as JSON: null, a number that is not finite, a text that is not UTF-8 (502).
   bool setObject(const nlohmann::json& value, const std::string& key);
   /// @brief Sets an object as a field (written as its URI; saved first when it has none). False
   /// for the object itself (507) or a null pointer (502).
@@ -118,7 +119,8 @@ class JovObject : public std::enable_shared_from_this<JovObject> {
   std::optional<JovGeoPoint> getGeoPointForKey(const std::string& key) const;
   /// @brief Whether a field is set.
   bool hasObject(const std::string& key) const;
-  /// @brief Removes a field; the key joins the change set.
+  /// @brief Removes a field; the key joins the change set, and a partial save sends it as null,
+  /// which removes it from the stored document.
   void removeObjectForKey(const std::string& key);
   /// @brief Every field as JSON (objects and users as URIs).
   nlohmann::json dictionaryValue() const;
@@ -216,13 +218,19 @@ class JovObject : public std::enable_shared_from_this<JovObject> {
  private:
   friend class JovBucket;
   Ptr self() { return shared_from_this(); }
-  detail::Routine<void> saveRoutine(bool forced, bool allFields);
-  detail::Routine<void> createRoutine();
-  detail::Routine<void> updateRoutine(bool forced, bool allFields);
+  // The objects whose saves are under way in one chain of nested saves, outermost first.
+  using SaveChain = std::vector<const JovObject*>;
+  detail::Routine<void> saveRoutine(bool forced, bool allFields) {
+    return saveInChain(forced, allFields, SaveChain());
+  }
+  detail::Routine<void> saveInChain(bool forced, bool allFields, SaveChain chain);
+  detail::Routine<void> createRoutine(SaveChain chain);
+  detail::Routine<void> updateRoutine(bool forced, bool allFields, SaveChain chain);
   detail::Routine<void> refreshRoutine();
   detail::Routine<void> deleteRoutine();
-  // The fields a save sends; objects without a URI are saved first.
-  detail::Routine<nlohmann::json> uploadBody(bool allFields);
+  // The fields a save sends; objects without a URI are saved first, unless they are being saved
+  // further out in the chain (a cycle of new objects), and then go as null.
+  detail::Routine<nlohmann::json> uploadBody(bool allFields, SaveChain chain);
   bool refuse(int code);
   bool store(const std::string& key, Value value);
   std::optional<std::string> pathLocked() const;

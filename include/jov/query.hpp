@@ -3,6 +3,7 @@
 /// @brief Queries of a bucket's objects: JovGeoPoint, JovClause and JovQuery.
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -65,6 +66,10 @@ class JovClause {
   static Ptr equals(const std::string& key, const std::shared_ptr<JovUser>& value);
   /// @brief {"type": "not", "clause": the equals clause}.
   static Ptr notEquals(const std::string& key, const nlohmann::json& value);
+  /// @brief Inequality with an object, written as its URI.
+  static Ptr notEquals(const std::string& key, const std::shared_ptr<JovObject>& value);
+  /// @brief Inequality with a user, written as "jovcloud://users/ID".
+  static Ptr notEquals(const std::string& key, const std::shared_ptr<JovUser>& value);
   /// @brief Range clauses: {"type": "range", "field": key, "lowerLimit"/"upperLimit": value,
   /// "lowerIncluded"/"upperIncluded": bool}; one limit each (and two for an interval).
   static Ptr greaterThan(const std::string& key, const nlohmann::json& value);
@@ -103,9 +108,12 @@ class JovClause {
   Ptr negate() const;
   /// @brief The clause's JSON.
   nlohmann::json json() const;
-  /// @brief True when the tree holds an "and" or "or" without sub-clauses (the query then fails
-  /// with 603 before any request).
-  bool hasEmptyComposite() const;
+  /// @brief True when the tree holds an "and" or "or" without sub-clauses, negated ones included
+  /// (the query then fails with 603 before any request).
+  bool hasEmptyComposite() const { return hasEmptyComposite(json()); }
+  /// @brief The same test on a clause document: an "and" or "or" whose "clauses" is missing or
+  /// empty, at any depth.
+  static bool hasEmptyComposite(const nlohmann::json& clause);
 
   /// @brief Made by the static constructors.
   JovClause(std::string where, std::vector<Ptr> clauses, nlohmann::json leaf);
@@ -126,7 +134,7 @@ class JovQuery {
   JovQuery() = default;
   /// @brief The objects a clause matches (null: all).
   explicit JovQuery(JovClause::Ptr clause);
-  /// @brief The objects a ready clause dictionary matches.
+  /// @brief The objects a ready clause dictionary matches (null: all).
   static JovQuery queryWithDictionary(const nlohmann::json& clause);
   /// @brief A copy of the base with the pagination key of the page to fetch.
   static JovQuery queryWithBase(const JovQuery& base, const std::string& paginationKey);
@@ -141,10 +149,13 @@ class JovQuery {
   const std::optional<std::string>& sortField() const { return sortField_; }
   /// @brief Whether the order is descending.
   bool sortDescending() const { return sortDescending_; }
+  /// @brief The most objects the service returns in one page.
+  static constexpr std::uint32_t kMaxLimit = 200;
   /// @brief Objects per page; 0 leaves it to the service.
   std::uint32_t limit() const { return limit_; }
-  /// @brief Sets the objects per page (0: the service decides).
-  void setLimit(std::uint32_t limit) { limit_ = limit; }
+  /// @brief Sets the objects per page (0: the service decides); more than kMaxLimit is capped
+  /// at kMaxLimit, with a warning logged.
+  void setLimit(std::uint32_t limit);
   /// @brief The key of the page this query fetches; nothing for the first.
   const std::optional<std::string>& paginationKey() const { return paginationKey_; }
   /// @brief Sets the key of the page to fetch.
@@ -165,3 +176,13 @@ class JovQuery {
 };
 
 }  // namespace jov
+
+/// @brief Geo points hash by both coordinates, so that equal points hash alike.
+template <>
+struct std::hash<jov::JovGeoPoint> {
+  std::size_t operator()(const jov::JovGeoPoint& point) const noexcept {
+    const std::size_t lat = std::hash<double>{}(point.latitude());
+    return lat ^ (std::hash<double>{}(point.longitude()) + 0x9e3779b97f4a7c15ULL + (lat << 6) +
+                  (lat >> 2));
+  }
+};

@@ -3,6 +3,8 @@
 
 #include "jov/bucket.hpp"
 
+#include <cmath>
+
 #include "core/exchange.hpp"
 #include "jov/application.hpp"
 #include "jov/encoding.hpp"
@@ -168,9 +170,12 @@ detail::Routine<std::int64_t> JovBucket::countRoutine(JovQuery query) {
   if (aggregations == counted.end() || !aggregations->is_object())
     co_return detail::unreadableAnswer();
   auto count = aggregations->find("count_field");
-  if (count == aggregations->end() || !count->is_number_integer())
+  // A count written as 4.0 is still a count; a fraction or a negative number is not.
+  if (count == aggregations->end() || !count->is_number()) co_return detail::unreadableAnswer();
+  const double value = count->get<double>();
+  if (!(value >= 0) || value != std::floor(value) || value > 9.0e15)
     co_return detail::unreadableAnswer();
-  co_return count->get<std::int64_t>();
+  co_return static_cast<std::int64_t>(value);
 }
 
 detail::Routine<void> JovBucket::deleteRoutine() {

@@ -4,6 +4,7 @@
 #include "jov/object.hpp"
 
 #include <atomic>
+#include <cmath>
 #include <random>
 #include <regex>
 #include <sstream>
@@ -187,9 +188,26 @@ bool JovObject::store(const std::string& key, Value value) {
   return true;
 }
 
+namespace {
+
+// Whether a value has a faithful JSON text: no non-finite number anywhere (it would be written
+// as null), no discarded value.
+bool encodable(const nlohmann::json& value) {
+  if (value.is_discarded()) return false;
+  if (value.is_number_float()) return std::isfinite(value.get<double>());
+  if (value.is_structured()) {
+    for (const auto& item : value)
+      if (!encodable(item)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 bool JovObject::setObject(const nlohmann::json& value, const std::string& key) {
   if (key.empty() || key.front() == '_') return refuse(JovError::codeInvalidAttributeKey());
-  if (value.is_discarded() || !JSONRepresentation(value))
+  // A field is never null itself: a partial save sends null for a removed field.
+  if (value.is_null() || !encodable(value) || !JSONRepresentation(value))
     return refuse(JovError::codeUnableToParseObject());
   return store(key, value);
 }

@@ -1,6 +1,8 @@
 // The exchanges of an object: create, update (merge or replace, with its version), refresh and
 // delete, and the error table they share.
 
+#include <algorithm>
+
 #include "core/exchange.hpp"
 #include "jov/application.hpp"
 #include "jov/bucket.hpp"
@@ -72,7 +74,7 @@ void logEtag(const std::string& etag) {
 
 }  // namespace
 
-detail::Routine<nlohmann::json> JovObject::uploadBody(bool allFields) {
+detail::Routine<nlohmann::json> JovObject::uploadBody(bool allFields, SaveChain chain) {
   std::map<std::string, Value> fields;
   std::set<std::string> keys;
   {
@@ -80,14 +82,21 @@ detail::Routine<nlohmann::json> JovObject::uploadBody(bool allFields) {
     fields = fields_;
     keys = patchKeys_;
   }
+  chain.push_back(this);
+  const bool onlyChanges = !allFields && !keys.empty();
   nlohmann::json body = nlohmann::json::object();
   for (auto& [key, value] : fields) {
-    if (!allFields && !keys.empty() && !keys.contains(key)) continue;
+    if (onlyChanges && !keys.contains(key)) continue;
     if (key.front() == '_') continue;
     if (auto* object = std::get_if<Ptr>(&value)) {
-      // An object without a URI is saved first; its failure is only logged.
-      if (!(*object)->objectURI()) {
-        auto saved = co_await (*object)->saveRoutine(true, false);
+      // An object without a URI is saved first; its failure is only logged. One that is being
+      // saved further out (new objects referring to each other) gets no URI from this save.
+      const bool inChain = std::find(chain.begin(), chain.end(), object->get()) != chain.end();
+      if (!(*object)->objectURI() && inChain) {
+        JOV_LOG(JovLogWarning,
+                "The object of \"" + key + "\" is being saved and has no URI yet; sent as null");
+      } else if (!(*object)->objectURI()) {
+        auto saved = co_await (*object)->saveInChain(true, false, chain);
         if (!saved)
           JOV_LOG(JovLogWarning,
                   "Unable to save the object of \"" + key + "\": " + saved.error().describe());
@@ -100,18 +109,24 @@ detail::Routine<nlohmann::json> JovObject::uploadBody(bool allFields) {
       body[key] = std::get<nlohmann::json>(value);
     }
   }
+  // The service's merge removes a key sent as null: that is how a removed field leaves the
+  // stored document (null is never a field's own value).
+  if (onlyChanges) {
+    for (const auto& key : keys)
+      if (key.front() != '_' && !fields.contains(key)) body[key] = nullptr;
+  }
   co_return body;
 }
 
-detail::Routine<void> JovObject::saveRoutine(bool forced, bool allFields) {
-  if (uuid()) co_return co_await updateRoutine(forced, allFields);
-  co_return co_await createRoutine();
+detail::Routine<void> JovObject::saveInChain(bool forced, bool allFields, SaveChain chain) {
+  if (uuid()) co_return co_await updateRoutine(forced, allFields, std::move(chain));
+  co_return co_await createRoutine(std::move(chain));
 }
 
-detail::Routine<void> JovObject::createRoutine() {
+detail::Routine<void> JovObject::createRoutine(SaveChain chain) {
   auto bucketPath = bucket_ ? bucket_->bucketPath() : std::nullopt;
   JOV_CO_REQUIRE(bucketPath, JovError::codeInvalidObjects());
-  auto body = co_await uploadBody(true);
+  auto body = co_await uploadBody(true, std::move(chain));
   if (!body) co_return body.error();
   auto sendArgs =
       args(*bucketPath).json(std::move(body.value())).contentType(mediaTypeOf(objectType()));
@@ -135,7 +150,7 @@ detail::Routine<void> JovObject::createRoutine() {
   co_return {};
 }
 
-detail::Routine<void> JovObject::updateRoutine(bool forced, bool allFields) {
+detail::Routine<void> JovObject::updateRoutine(bool forced, bool allFields, SaveChain chain) {
   std::optional<std::string> path, id, etag;
   bool created = false;
   {
@@ -157,7 +172,7 @@ detail::Routine<void> JovObject::updateRoutine(bool forced, bool allFields) {
     if (hasVersion) ifMatch = *etag;
     ifNoneMatch = !created;
   }
-  auto body = co_await uploadBody(allFields);
+  auto body = co_await uploadBody(allFields, std::move(chain));
   if (!body) co_return body.error();
   auto bucketPath = bucket_->bucketPath().value_or("");
   auto sendArgs = args(bucketPath, *id)

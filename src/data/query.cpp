@@ -4,6 +4,7 @@
 
 #include <stdexcept>
 
+#include "jov/logger.hpp"
 #include "jov/object.hpp"
 #include "jov/user.hpp"
 
@@ -75,6 +76,13 @@ JovClause::Ptr JovClause::equals(const std::string& key, const std::shared_ptr<J
 }
 JovClause::Ptr JovClause::notEquals(const std::string& key, const nlohmann::json& value) {
   return leaf({{"type", "not"}, {"clause", equals(key, value)->json()}});
+}
+JovClause::Ptr JovClause::notEquals(const std::string& key,
+                                    const std::shared_ptr<JovObject>& value) {
+  return equals(key, value)->negate();
+}
+JovClause::Ptr JovClause::notEquals(const std::string& key, const std::shared_ptr<JovUser>& value) {
+  return equals(key, value)->negate();
 }
 JovClause::Ptr JovClause::greaterThan(const std::string& key, const nlohmann::json& value) {
   return range(key, "lowerLimit", "lowerIncluded", value, false);
@@ -155,11 +163,20 @@ nlohmann::json JovClause::json() const {
   return {{"type", "all"}};
 }
 
-bool JovClause::hasEmptyComposite() const {
-  if ((where_ == "and" || where_ == "or") && clauses_.empty()) return true;
-  for (const auto& clause : clauses_)
-    if (clause->hasEmptyComposite()) return true;
-  return false;
+// Read from the document rather than the tree of clauses: a negated clause keeps only its
+// document, and a dictionary given to a query has no tree at all.
+bool JovClause::hasEmptyComposite(const nlohmann::json& clause) {
+  if (!clause.is_object()) return false;
+  auto type = clause.find("type");
+  auto clauses = clause.find("clauses");
+  if (type != clause.end() && (*type == "and" || *type == "or") &&
+      (clauses == clause.end() || !clauses->is_array() || clauses->empty()))
+    return true;
+  if (clauses != clause.end() && clauses->is_array())
+    for (const auto& sub : *clauses)
+      if (hasEmptyComposite(sub)) return true;
+  auto negated = clause.find("clause");
+  return negated != clause.end() && hasEmptyComposite(*negated);
 }
 
 // ------------------------------------------------------------------ queries
@@ -167,12 +184,14 @@ bool JovClause::hasEmptyComposite() const {
 JovQuery::JovQuery(JovClause::Ptr clause) {
   if (!clause) return;
   clause_ = clause->json();
-  emptyComposite_ = clause->hasEmptyComposite();
+  emptyComposite_ = JovClause::hasEmptyComposite(*clause_);
 }
 
 JovQuery JovQuery::queryWithDictionary(const nlohmann::json& clause) {
   JovQuery query;
-  if (!clause.is_null()) query.clause_ = clause;
+  if (clause.is_null()) return query;
+  query.clause_ = clause;
+  query.emptyComposite_ = JovClause::hasEmptyComposite(clause);
   return query;
 }
 
@@ -186,6 +205,14 @@ void JovQuery::sort(const std::string& field, bool descending) {
   if (field.empty()) throw std::invalid_argument("field can not be nil");
   sortField_ = field;
   sortDescending_ = descending;
+}
+
+void JovQuery::setLimit(std::uint32_t limit) {
+  if (limit > kMaxLimit) {
+    JOV_LOG(JovLogWarning, "Query limit set too high. Capped at " + std::to_string(kMaxLimit));
+    limit = kMaxLimit;
+  }
+  limit_ = limit;
 }
 
 nlohmann::json JovQuery::dictValue() const {

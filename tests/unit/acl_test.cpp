@@ -1,8 +1,11 @@
 // Access control lists against the fake transport: paths in every scope, grants and
-// revocations, partial failures, and the listing's subjects.
+// revocations, partial failures, the listing's subjects, and saves that overlap or are
+// cancelled.
 #include "jov/acl.hpp"
 
 #include <gtest/gtest.h>
+
+#include <future>
 
 #include "fake_transport.hpp"
 #include "jov/bucket.hpp"
@@ -34,7 +37,8 @@ TEST_F(ACLTest, EntriesGoOutOneRequestEachToTheParentsPath) {
   auto acl = object->objectACL();
   EXPECT_EQ(acl, object->objectACL()) << "the same list while it is held";
   acl->putACLEntry(entry(JovAnyAuthenticatedUser{}, JovACLActionReadExistingObject));
-  acl->putACLEntry(entry(JovAnyAuthenticatedUser{}, JovACLActionReadExistingObject));  // twice
+  // Twice, the second time through the other value of the same name: one request.
+  acl->putACLEntry(entry(JovAnyAuthenticatedUser{}, JovACLActionReadExistingObjectAlias));
   acl->putACLEntry(entry(JovGroup::groupWithID("g1"), JovACLActionWriteExistingObjectAlias));
   acl->putACLEntry(entry(JovAnonymousUser{}, JovACLActionReadExistingObjectAlias, false));
   fake.push(Answer::text(204, ""));
@@ -142,6 +146,56 @@ TEST_F(ACLTest, ListingReadsEverySubjectKind) {
   EXPECT_EQ(count, 0u);
   EXPECT_EQ(failedCount, 1u);
   EXPECT_EQ(code, JovError::codePartialACLFailure());
+}
+
+TEST_F(ACLTest, OverlappingSavesSendEachEntryOnceAndCancellingKeepsTheRestPending) {
+  auto acl = Jov::bucketWithName("b")->bucketACL();
+  const std::string toUser = "/buckets/b/acl/READ_OBJECTS_IN_BUCKET/UserID:u2";
+  const std::string toGroup = "/buckets/b/acl/QUERY_OBJECTS_IN_BUCKET/GroupID:g1";
+  std::promise<void> opener;
+  fake.on("PUT", toUser, [gate = opener.get_future().share()](const jovtest::Recorded&) {
+    gate.wait();
+    return Answer::text(204, "");
+  });
+  fake.on("PUT", toGroup, Answer::text(204, ""));
+  auto first = entry(JovUser::userWithID("u2"), JovACLActionReadObjectsInBucket);
+  auto second = entry(JovGroup::groupWithID("g1"), JovACLActionQueryObjectsInBucket);
+  acl->putACLEntry(first);
+  acl->putACLEntry(second);
+
+  JovCancellation cancel;
+  auto held = acl->saveAsync(cancel);
+  ASSERT_TRUE(fake.waitForRequests(1, 5s));
+  // Both entries belong to the save in flight: a second save has nothing to send.
+  JovACL::Entries succeeded, failed;
+  EXPECT_TRUE(acl->saveSynchronous(succeeded, failed).ok());
+  EXPECT_TRUE(succeeded.empty() && failed.empty());
+  EXPECT_EQ(fake.count(), 1u);
+
+  cancel.cancel();
+  ASSERT_EQ(held.wait_for(5s), std::future_status::ready);
+  const JovACL::SaveReport report = held.get();
+  ASSERT_TRUE(report.error);
+  EXPECT_EQ(report.error->code(), JovError::codeOperationCancelled());
+  EXPECT_TRUE(report.succeeded.empty());
+  EXPECT_EQ(report.failed, (JovACL::Entries{first, second}));
+  EXPECT_EQ(fake.count("PUT", toGroup), 0u) << "nothing is sent after the cancellation";
+  EXPECT_EQ(acl->entries(), (JovACL::Entries{first, second}));
+
+  // Released, both go out again; a user who has no ID yet fails without a request.
+  opener.set_value();
+  acl->putACLEntry(
+      entry(JovUser::userWithUsername("nobody", "pass1234"), JovACLActionReadObjectsInBucket));
+  fake.reset();
+  fake.on("PUT", toUser, Answer::text(204, ""));
+  fake.on("PUT", toGroup, Answer::text(204, ""));
+  auto retried = acl->saveAsync().get();
+  ASSERT_TRUE(retried.error);
+  EXPECT_EQ(retried.error->code(), JovError::codePartialACLFailure());
+  EXPECT_EQ(retried.succeeded, (JovACL::Entries{first, second}));
+  ASSERT_EQ(retried.failed.size(), 1u);
+  EXPECT_EQ(fake.count("PUT", toUser) + fake.count("PUT", toGroup), fake.count());
+  EXPECT_EQ(acl->entries(), retried.failed);
 }
 
 }  // namespace

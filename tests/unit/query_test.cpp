@@ -4,7 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <unordered_set>
+
 #include "fake_transport.hpp"
+#include "jov/application.hpp"
+#include "jov/bucket.hpp"
+#include "jov/logger.hpp"
+#include "jov/user.hpp"
 
 namespace jov {
 namespace {
@@ -14,10 +20,20 @@ using nlohmann::json;
 
 TEST(QueryTest, ClausesWriteTheirDocuments) {
   const JovGeoPoint ne(10, 20), sw(-10, -20);
+  const auto note = Jov::bucketWithName("notes")->createObjectWithID("n1");
   const std::vector<std::pair<JovClause::Ptr, json>> rows = {
       {JovClause::equals("a", 1), {{"type", "eq"}, {"field", "a"}, {"value", 1}}},
       {JovClause::notEquals("a", "x"),
        {{"type", "not"}, {"clause", {{"type", "eq"}, {"field", "a"}, {"value", "x"}}}}},
+      {JovClause::equals("owner", JovUser::userWithID("u1")),
+       {{"type", "eq"}, {"field", "owner"}, {"value", "jovcloud://users/u1"}}},
+      {JovClause::notEquals("ref", note),
+       {{"type", "not"},
+        {"clause",
+         {{"type", "eq"}, {"field", "ref"}, {"value", "jovcloud://buckets/notes/objects/n1"}}}}},
+      {JovClause::notEquals("owner", JovUser::userWithID("u1")),
+       {{"type", "not"},
+        {"clause", {{"type", "eq"}, {"field", "owner"}, {"value", "jovcloud://users/u1"}}}}},
       {JovClause::greaterThan("a", 1),
        {{"type", "range"}, {"field", "a"}, {"lowerLimit", 1}, {"lowerIncluded", false}}},
       {JovClause::greaterThanOrEqual("a", 1),
@@ -99,6 +115,57 @@ TEST(QueryTest, QueryDocumentsAndPages) {
             JovError::codeEmptyQueryClauses());
   EXPECT_EQ(JovQuery(JovClause::andClauses({JovClause::orClauses({})})).pendingError()->code(),
             JovError::codeEmptyQueryClauses());
+}
+
+// An empty "and"/"or" anywhere refuses the query before a request, however the tree was made:
+// under a negation (which keeps only the document) or in a ready dictionary.
+TEST(QueryTest, EmptyCompositesAtAnyDepth) {
+  const auto eq = JovClause::equals("a", 1);
+  const std::vector<std::pair<JovQuery, bool>> rows = {
+      {JovQuery(JovClause::notClause(JovClause::andClauses({eq, JovClause::orClauses({})}))), true},
+      {JovQuery(JovClause::notClause(JovClause::andClauses({eq, eq}))), false},
+      {JovQuery::queryWithDictionary({{"type", "or"}, {"clauses", json::array()}}), true},
+      {JovQuery::queryWithDictionary({{"type", "and"}}), true},
+      {JovQuery::queryWithDictionary({{"type", "not"}, {"clause", {{"type", "and"}}}}), true},
+      {JovQuery::queryWithDictionary({{"type", "or"}, {"clauses", {eq->json()}}}), false},
+      {JovQuery::queryWithDictionary(nullptr), false},
+  };
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    const auto error = rows[i].first.pendingError();
+    EXPECT_EQ(error.has_value(), rows[i].second) << "row " << i;
+    if (error) EXPECT_EQ(error->code(), JovError::codeEmptyQueryClauses());
+  }
+  EXPECT_EQ(JovQuery::queryWithDictionary(nullptr).dictValue()["bucketQuery"]["clause"],
+            json({{"type", "all"}}));
+}
+
+TEST(QueryTest, LimitIsCappedWithAWarning) {
+  std::vector<std::string> lines;
+  JovLogger::setSink([&](int, const std::string& line) { lines.push_back(line); });
+  const auto level = Jov::logLevel();
+  Jov::setLogLevel(JovLogWarning);
+  JovQuery query;
+  query.setLimit(JovQuery::kMaxLimit);
+  EXPECT_EQ(query.limit(), JovQuery::kMaxLimit);
+  EXPECT_TRUE(lines.empty());
+  query.setLimit(JovQuery::kMaxLimit + 1);
+  JovLogger::setSink({});
+  Jov::setLogLevel(level);
+  EXPECT_EQ(query.limit(), JovQuery::kMaxLimit);
+  EXPECT_EQ(query.dictValue()["bestEffortLimit"], JovQuery::kMaxLimit);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].find("Query limit set too high. Capped at 200"), std::string::npos);
+}
+
+TEST(QueryTest, GeoPointsHashByBothCoordinates) {
+  const std::hash<JovGeoPoint> hash;
+  EXPECT_EQ(hash(JovGeoPoint(35.6, 139.7)), hash(JovGeoPoint(35.6, 139.7)));
+  EXPECT_EQ(hash(JovGeoPoint(0.0, 0.0)), hash(JovGeoPoint(-0.0, 0.0)));
+  EXPECT_NE(hash(JovGeoPoint(1, 2)), hash(JovGeoPoint(2, 1)));
+  EXPECT_NE(hash(JovGeoPoint(1, 2)), hash(JovGeoPoint(1, 3)));
+  const std::unordered_set<JovGeoPoint> points = {JovGeoPoint(1, 2), JovGeoPoint(1, 2),
+                                                  JovGeoPoint(2, 1)};
+  EXPECT_EQ(points.size(), 2u);
 }
 
 }  // namespace
