@@ -160,5 +160,7 @@ void addGroupCommands(CLI::App& jov, Context& ctx);
 void addCodeCommands(CLI::App& jov, Context& ctx);
 void addObjectCommands(CLI::App& jov, Context& ctx);
 void addAclCommands(CLI::App& jov, Context& ctx);
+void addPushCommands(CLI::App& jov, Context& ctx);
+void addSocialCommands(CLI::App& jov, Context& ctx);
 
 }  // namespace jovcli

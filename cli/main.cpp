@@ -23,6 +23,8 @@ int main(int argc, char** argv) {
   addCodeCommands(app, ctx);
   addObjectCommands(app, ctx);
   addAclCommands(app, ctx);
+  addPushCommands(app, ctx);
+  addSocialCommands(app, ctx);
 
   auto* completion = app.add_subcommand("completion", "Print a shell completion script");
   std::string shell;

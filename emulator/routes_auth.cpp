@@ -5,6 +5,7 @@
 #include "crypto.hpp"
 #include "outbox_store.hpp"
 #include "service.hpp"
+#include "social_login.hpp"
 #include "token_store.hpp"
 #include "user_fields.hpp"
 
@@ -177,6 +178,11 @@ void addAuthRoutes(Router& router, Service& service) {
                   passwordGrant(service, call, appID, body);
                 } else if (grant == "refresh_token") {
                   refreshGrant(service, call, appID, body);
+                } else if (grant == kSocialTokenGrant) {
+                  auto now = Service::now();
+                  auto login =
+                      socialTokenLogin(service, appID, body, tokenExpiry(service, body, now));
+                  call.reply(200, tokenAnswer(login.userID, login.tokens, now));
                 } else {
                   throw ApiError(400, "unsupported_grant_type", "Unsupported grant type",
                                  {{"error", "unsupported_grant_type"},

@@ -121,6 +121,64 @@ CREATE TABLE IF NOT EXISTS server_code (
 );
 )sql";
 
+// Push installations, topics and their subscriptions; like the server code, applied on any
+// version of the schema.
+constexpr const char* kPushSchema = R"sql(
+CREATE TABLE IF NOT EXISTS push_installations (
+  app_id           TEXT NOT NULL,
+  installation_id  TEXT NOT NULL,
+  device_type      TEXT NOT NULL,
+  token            TEXT NOT NULL,
+  user_id          TEXT NOT NULL,
+  development      INTEGER NOT NULL DEFAULT 0,
+  created          INTEGER NOT NULL,
+  PRIMARY KEY (app_id, device_type, token)
+);
+CREATE TABLE IF NOT EXISTS push_topics (
+  app_id   TEXT NOT NULL,
+  scope    TEXT NOT NULL,
+  owner    TEXT NOT NULL,
+  name     TEXT NOT NULL,
+  creator  TEXT NOT NULL,
+  created  INTEGER NOT NULL,
+  PRIMARY KEY (app_id, scope, owner, name)
+);
+CREATE TABLE IF NOT EXISTS push_subscriptions (
+  app_id      TEXT NOT NULL,
+  scope       TEXT NOT NULL,
+  owner       TEXT NOT NULL,
+  name        TEXT NOT NULL,
+  subscriber  TEXT NOT NULL,
+  created     INTEGER NOT NULL,
+  PRIMARY KEY (app_id, scope, owner, name, subscriber)
+);
+)sql";
+
+// Accounts of the stand-in social provider (one for the whole emulator, as a real provider is
+// outside every application) and the provider accounts linked with each application's users.
+constexpr const char* kSocialSchema = R"sql(
+CREATE TABLE IF NOT EXISTS social_provider_accounts (
+  provider      TEXT NOT NULL,
+  social_id     TEXT NOT NULL,
+  name          TEXT,
+  access_token  TEXT NOT NULL,
+  token_secret  TEXT,
+  id_token      TEXT NOT NULL,
+  created       INTEGER NOT NULL,
+  PRIMARY KEY (provider, social_id)
+);
+CREATE INDEX IF NOT EXISTS social_provider_tokens ON social_provider_accounts (provider, access_token);
+CREATE TABLE IF NOT EXISTS social_links (
+  app_id     TEXT NOT NULL,
+  provider   TEXT NOT NULL,
+  social_id  TEXT NOT NULL,
+  user_id    TEXT NOT NULL,
+  created    INTEGER NOT NULL,
+  PRIMARY KEY (app_id, provider, social_id)
+);
+CREATE UNIQUE INDEX IF NOT EXISTS social_links_user ON social_links (app_id, user_id, provider);
+)sql";
+
 }  // namespace
 
 void createSchema(Connection& conn) {
@@ -133,6 +191,8 @@ void createSchema(Connection& conn) {
   if (current < 1) conn.exec(kSchemaV1);
   if (current < 2) conn.exec(kSchemaV2);
   conn.exec(kServerCodeSchema);
+  conn.exec(kPushSchema);
+  conn.exec(kSocialSchema);
 }
 
 }  // namespace jovemu

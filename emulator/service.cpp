@@ -69,7 +69,9 @@ void addAllRoutes(Router& router, Service& service) {
   addBucketRoutes(router, service);
   addAclRoutes(router, service);
   addServerCodeRoutes(router, service);
+  addPushRoutes(router, service);
   addEmulatorRoutes(router, service);
+  addSocialRoutes(router, service);
 }
 
 }  // namespace jovemu

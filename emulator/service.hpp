@@ -65,7 +65,9 @@ void addObjectRoutes(Router& router, Service& service);
 void addBucketRoutes(Router& router, Service& service);
 void addAclRoutes(Router& router, Service& service);
 void addServerCodeRoutes(Router& router, Service& service);
+void addPushRoutes(Router& router, Service& service);
 void addEmulatorRoutes(Router& router, Service& service);
+void addSocialRoutes(Router& router, Service& service);
 
 /// @brief Every route of the emulator.
 void addAllRoutes(Router& router, Service& service);

@@ -9,7 +9,10 @@ namespace {
 #define USER_COLUMNS                                                                         \
   "SELECT app_id, user_id, login_name, display_name, email, email_verified, email_pending, " \
   "phone, phone_verified, phone_pending, country, locale, password_hash, disabled, custom, " \
-  "created, modified FROM users "
+  "created, modified, "                                                                     \
+  "(SELECT json_group_object(s.provider, json_object('id', s.social_id, 'createdAt', s.created)) " \
+  "FROM social_links s WHERE s.app_id = users.app_id AND s.user_id = users.user_id) "       \
+  "FROM users "
 
 UserRow readRow(const Statement& row) {
   UserRow user;
@@ -31,6 +34,8 @@ UserRow readRow(const Statement& row) {
   if (!user.custom.is_object()) user.custom = nlohmann::json::object();
   user.created = row.integer(15);
   user.modified = row.integer(16);
+  user.thirdPartyAccounts = nlohmann::json::parse(row.textOr(17, "{}"), nullptr, false);
+  if (!user.thirdPartyAccounts.is_object()) user.thirdPartyAccounts = nlohmann::json::object();
   return user;
 }
 
@@ -217,7 +222,7 @@ nlohmann::json userRecord(const UserRow& user) {
   // A pseudo user's record has no "_hasPassword" at all: clients tell pseudo users by it.
   if (user.passwordHash) record["_hasPassword"] = true;
   record["_disabled"] = user.disabled;
-  record["_thirdPartyAccounts"] = nlohmann::json::object();
+  record["_thirdPartyAccounts"] = user.thirdPartyAccounts;
   return record;
 }
 

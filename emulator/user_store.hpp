@@ -28,6 +28,8 @@ struct UserRow {
   nlohmann::json custom = nlohmann::json::object();
   std::int64_t created = 0;
   std::int64_t modified = 0;
+  /// @brief Linked provider accounts by provider: {"id", "createdAt"}; read only.
+  nlohmann::json thirdPartyAccounts = nlohmann::json::object();
 
   bool hasIdentifier() const { return loginName || email || phone; }
 };

@@ -18,6 +18,7 @@
 #include "jov/result.hpp"
 #include "jov/server_code.hpp"
 #include "jov/social_account.hpp"
+#include "jov/social_connect.hpp"
 #include "jov/topic.hpp"
 #include "jov/transport.hpp"
 #include "jov/user.hpp"

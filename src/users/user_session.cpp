@@ -4,6 +4,7 @@
 #include "jov/application.hpp"
 #include "jov/credential_store.hpp"
 #include "jov/logger.hpp"
+#include "jov/social_connect.hpp"
 #include "jov/user.hpp"
 #include "platform/credential_write.hpp"
 #include "users/session_hooks.hpp"
@@ -30,6 +31,7 @@ bool JovUser::loggedIn() {
 void JovUser::logOut() {
   if (auto user = Jov::currentUser()) detail::UserAccess::setExpiresAt(*user, std::nullopt);
   Jov::setCurrentUser(nullptr);
+  JovSocialConnect::sharedInstance().logOutAll();
   auto deleted = JovKeyChainWrapper::deleteFromKeychainWithService(
       JovKeyChainWrapper::kUserCredentialsService);
   if (!deleted && deleted.error().code() != JovError::codeNonKeychainItemFound())
@@ -40,6 +42,7 @@ void JovUser::logOut() {
 Result<JovUser::Ptr> JovUser::authenticateWithStoredCredentialsSynchronous() {
   auto stored = detail::getStoredUserInfoSynchronous();
   if (!stored) return stored.error();
+  JovSocialConnect::sharedInstance().resetAll();
   detail::makeCurrent(stored.value());
   return stored.value();
 }

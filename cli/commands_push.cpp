@@ -1,0 +1,200 @@
+// Push: install or uninstall this machine's device token, and topics of the application, a user
+// (--user) or a group (--group): create, list, delete, subscribe, unsubscribe.
+//
+// Without --token, push install and uninstall use this machine's own token: 32 random bytes kept
+// in the data directory ("device-token", hex), made on the first install.
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+#include "app.hpp"
+
+namespace jovcli {
+
+namespace {
+
+using jov::JovPushInstallation;
+using jov::JovPushSubscription;
+using jov::JovTopic;
+
+// Hex digits as bytes; a usage error for an odd length or a character that is not hex.
+std::vector<std::uint8_t> bytesOfHex(const std::string& hex) {
+  auto digit = [](char c) -> int {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+  };
+  if (hex.empty() || hex.size() % 2 != 0) {
+    throw usageError("the token must be an even number of hex digits");
+  }
+  std::vector<std::uint8_t> bytes;
+  for (std::size_t i = 0; i < hex.size(); i += 2) {
+    int high = digit(hex[i]), low = digit(hex[i + 1]);
+    if (high < 0 || low < 0) throw usageError("the token must be an even number of hex digits");
+    bytes.push_back(static_cast<std::uint8_t>(high * 16 + low));
+  }
+  return bytes;
+}
+
+// This machine's token, made and kept on first use when `create` is set; nothing when there is
+// none yet and none is to be made.
+std::optional<std::vector<std::uint8_t>> machineToken(bool create) {
+  const auto path = jov::Jov::dataDirectory() / "device-token";
+  std::string hex;
+  if (std::ifstream in(path); in) in >> hex;
+  if (hex.size() == 64) return bytesOfHex(hex);
+  if (!create) return std::nullopt;
+  std::random_device random;
+  std::vector<std::uint8_t> bytes(32);
+  for (auto& byte : bytes) byte = static_cast<std::uint8_t>(random() & 0xFF);
+  std::filesystem::create_directories(path.parent_path());
+  std::ofstream out(path, std::ios::trunc);
+  out << jov::hexToken(bytes) << "\n";
+  if (!out.flush()) throw failure("cannot write " + path.string());
+  return bytes;
+}
+
+struct TopicArgs {
+  std::string name, user, group;
+};
+
+void addOwnerOptions(CLI::App* command, TopicArgs& args) {
+  auto* user = command->add_option("--user", args.user, "A user's topic (ID, e-mail or username)");
+  command->add_option("--group", args.group, "A group's topic (group ID)")->excludes(user);
+}
+
+JovTopic::Ptr topicOf(Context& ctx, const TopicArgs& args) {
+  if (!args.user.empty()) return ctx.resolveUser(args.user)->topicWithName(args.name);
+  if (!args.group.empty()) return jov::JovGroup::groupWithID(args.group)->topicWithName(args.name);
+  return jov::Jov::topicWithName(args.name);
+}
+
+std::string scopeText(const TopicArgs& args) {
+  if (!args.user.empty()) return " of user " + args.user;
+  if (!args.group.empty()) return " of group " + args.group;
+  return "";
+}
+
+void addPushInstallCommands(CLI::App& jov, Context& ctx) {
+  struct Args {
+    std::string token;
+    bool development = false;
+  };
+  auto args = std::make_shared<Args>();
+  auto* push = jov.add_subcommand("push", "Install this device for push notifications");
+  push->require_subcommand(1);
+
+  auto* install = push->add_subcommand("install", "Register the device token under your user");
+  install->add_option("--token", args->token, "The device token, hex (default: this machine's)");
+  install->add_flag("--development", args->development, "A development (sandbox) installation");
+  install->callback([&ctx, args] {
+    ctx.session();
+    JovPushInstallation::Ptr installation;
+    if (args->token.empty()) {
+      jov::Jov::setAPNSDeviceToken(machineToken(true));
+      jov::Jov::enableAPNSWithDevelopmentMode(args->development, 0);
+      installation =
+          ctx.check(JovPushInstallation::installSynchronous(), "cannot install the device");
+    } else {
+      installation = ctx.check(JovPushInstallation::installSynchronousWithDeviceToken(
+                                   bytesOfHex(args->token), args->development),
+                               "cannot install the device");
+    }
+    const std::string id = installation->installationID().value_or("");
+    ctx.print({{"installationID", orNull(id)}}, "installed " + id);
+  });
+
+  auto* uninstall = push->add_subcommand("uninstall", "Remove the device token's installation");
+  uninstall->add_option("--token", args->token, "The device token, hex (default: this machine's)");
+  uninstall->callback([&ctx, args] {
+    ctx.session();
+    if (args->token.empty()) {
+      auto token = machineToken(false);
+      if (!token) throw failure("this machine has no device token; nothing was installed");
+      jov::Jov::setAPNSDeviceToken(token);
+      ctx.check(JovPushInstallation::uninstallSynchronous(), "cannot uninstall the device");
+    } else {
+      ctx.check(JovPushInstallation::uninstallSynchronousWithDeviceToken(bytesOfHex(args->token)),
+                "cannot uninstall the device");
+    }
+    ctx.print({{"uninstalled", true}}, "uninstalled");
+  });
+}
+
+void addTopicCommands(CLI::App& jov, Context& ctx) {
+  auto args = std::make_shared<TopicArgs>();
+  auto* topic = jov.add_subcommand("topic", "Work with push topics");
+  topic->require_subcommand(1);
+
+  auto* create = topic->add_subcommand("create", "Create a topic");
+  create->add_option("name", args->name, "Topic name")->required();
+  addOwnerOptions(create, *args);
+  create->callback([&ctx, args] {
+    ctx.session();
+    ctx.check(topicOf(ctx, *args)->saveSynchronous(), "cannot create the topic");
+    ctx.print({{"topicID", args->name}}, "created topic " + args->name + scopeText(*args));
+  });
+
+  auto* list = topic->add_subcommand("list", "List topics, every page");
+  addOwnerOptions(list, *args);
+  list->callback([&ctx, args] {
+    ctx.session();
+    std::vector<std::vector<json>> rows;
+    std::optional<std::string> key;
+    do {
+      JovTopic::Page page;
+      if (!args->user.empty()) {
+        page = ctx.check(ctx.resolveUser(args->user)->listTopicsSynchronous(key),
+                         "cannot list the topics");
+      } else if (!args->group.empty()) {
+        page = ctx.check(jov::JovGroup::groupWithID(args->group)->listTopicsSynchronous(key),
+                         "cannot list the topics");
+      } else {
+        page = ctx.check(jov::Jov::listTopicsSynchronous(key), "cannot list the topics");
+      }
+      for (const auto& t : page.results) rows.push_back({t->name()});
+      key = page.paginationKey;
+    } while (key);
+    ctx.printTable({"topicID"}, {"TOPIC ID"}, rows, "(no topics)");
+  });
+
+  auto* remove = topic->add_subcommand("delete", "Delete a topic and its subscriptions");
+  remove->add_option("name", args->name, "Topic name")->required();
+  addOwnerOptions(remove, *args);
+  remove->callback([&ctx, args] {
+    ctx.session();
+    auto t = topicOf(ctx, *args);
+    ctx.confirm("Delete topic " + args->name + scopeText(*args) + "?");
+    ctx.check(t->deleteSynchronous(), "cannot delete the topic");
+    ctx.print({{"topicID", args->name}, {"deleted", true}}, "deleted topic " + args->name);
+  });
+
+  for (bool add : {true, false}) {
+    auto* change = topic->add_subcommand(
+        add ? "subscribe" : "unsubscribe",
+        add ? "Subscribe yourself to a topic" : "Unsubscribe yourself from a topic");
+    change->add_option("name", args->name, "Topic name")->required();
+    addOwnerOptions(change, *args);
+    change->callback([&ctx, args, add] {
+      ctx.session();
+      auto t = topicOf(ctx, *args);
+      if (add) {
+        ctx.check(JovPushSubscription::subscribeCurrentUserSynchronous(t), "cannot subscribe");
+      } else {
+        ctx.check(JovPushSubscription::unsubscribeCurrentUserSynchronous(t), "cannot unsubscribe");
+      }
+      ctx.print({{"topicID", args->name}, {"subscribed", add}},
+                (add ? "subscribed to " : "unsubscribed from ") + args->name + scopeText(*args));
+    });
+  }
+}
+
+}  // namespace
+
+void addPushCommands(CLI::App& jov, Context& ctx) {
+  addPushInstallCommands(jov, ctx);
+  addTopicCommands(jov, ctx);
+}
+
+}  // namespace jovcli

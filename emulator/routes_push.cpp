@@ -1,0 +1,333 @@
+// Push: device installations, topics in the application, user and group scopes, and users'
+// subscriptions to topics.
+//
+// POST   /installations  InstallationCreationRequest {"installationRegistrationID", "deviceType",
+//        "development"?}: 201 {"installationID"}; 409 INSTALLATION_ALREADY_EXISTS for a token
+//        installed already (by anybody).
+// DELETE /installations/{TYPE:TOKEN}: 204; 404 INSTALLATION_NOT_FOUND when the caller has no
+//        installation of that token.
+// Topics, under "/topics/{name}", "/users/{id}/topics/{name}" and "/groups/{id}/topics/{name}":
+//   PUT creates (204; 409 TOPIC_ALREADY_EXISTS), DELETE removes it with its subscriptions (204),
+//   GET (and HEAD) answer 204 when it exists; 404 TOPIC_NOT_FOUND, or USER_NOT_FOUND /
+//   GROUP_NOT_FOUND for a missing owner. GET on ".../topics[?paginationKey=K]" lists a page of
+//   names {"topics": [{"topicID"}], "paginationKey"?}, the key only when more follow.
+//   ".../topics/{name}/push/subscriptions/users/{id}": PUT subscribes (204; 409
+//   PUSH_SUBSCRIPTION_ALREADY_EXISTS), DELETE unsubscribes (204; 409 PUSH_SUBSCRIPTION_NOT_FOUND),
+//   GET answers 204 when subscribed (404 PUSH_SUBSCRIPTION_NOT_FOUND).
+// Rights follow the buckets': an application topic is anybody's to create, list and subscribe
+// to, and its creator's to delete; a user's topics are that user's alone; a group's are its
+// members', and deleting one is for the group's owner or the topic's creator. Users subscribe
+// only themselves.
+#include <regex>
+
+#include "api_error.hpp"
+#include "crypto.hpp"
+#include "group_store.hpp"
+#include "push_store.hpp"
+#include "service.hpp"
+
+namespace jovemu {
+
+namespace {
+
+constexpr const char* kInstallationCreation =
+    "application/vnd.jov.InstallationCreationRequest+json";
+constexpr int kTopicPageSize = 20;
+
+void requireTopicName(const std::string& name) {
+  static const std::regex pattern("[A-Za-z0-9_-]{1,64}");
+  if (!std::regex_match(name, pattern)) {
+    throw invalidInput("The topic ID must be 1-64 of A-Z, a-z, 0-9, '_' and '-'");
+  }
+}
+
+ApiError topicNotFound() {
+  return ApiError(404, "TOPIC_NOT_FOUND", "The topic was not found");
+}
+
+// ------------------------------------------------------------------ installations
+
+void install(Service& service, Call& call, const std::string& appID) {
+  call.requireMediaType({kInstallationCreation});
+  auto body = call.jsonObject();
+  InstallationRow row;
+  row.token = requiredString(body, "installationRegistrationID");
+  row.deviceType = requiredString(body, "deviceType");
+  if (row.token.empty()) {
+    throw invalidInput(
+        "There are validation errors: installationRegistrationID - must not be empty");
+  }
+  if (row.deviceType != "IOS" && row.deviceType != "ANDROID") {
+    throw invalidInput("There are validation errors: deviceType - must be IOS or ANDROID");
+  }
+  auto development = body.find("development");
+  if (development != body.end() && !development->is_null()) {
+    if (development->is_boolean()) {
+      row.development = development->get<bool>();
+    } else if (development->is_string() && (*development == "true" || *development == "false")) {
+      row.development = *development == "true";
+    } else {
+      throw invalidInput("There are validation errors: development - must be true or false");
+    }
+  }
+  auto record = service.db.transaction([&](Connection& conn) {
+    auto caller = service.requireUser(call, conn, appID);
+    if (findInstallation(conn, appID, row.deviceType, row.token)) {
+      throw ApiError(409, "INSTALLATION_ALREADY_EXISTS", "The device token is installed already");
+    }
+    row.installationID = randomHex(12);
+    row.userID = caller.userID;
+    row.created = Service::now();
+    insertInstallation(conn, appID, row);
+    return nlohmann::json{{"installationID", row.installationID}};
+  });
+  call.reply(201, record);
+}
+
+void uninstall(Service& service, Call& call, const std::string& appID) {
+  const std::string& id = call.param(1);
+  const auto colon = id.find(':');
+  if (colon == std::string::npos || colon == 0 || colon + 1 == id.size()) {
+    throw invalidInput("An installation is addressed as DEVICETYPE:TOKEN");
+  }
+  const std::string deviceType = id.substr(0, colon), token = id.substr(colon + 1);
+  service.db.transaction([&](Connection& conn) {
+    auto caller = service.requireUser(call, conn, appID);
+    auto row = findInstallation(conn, appID, deviceType, token);
+    // Another user's installation is not the caller's to see.
+    if (!row || row->userID != caller.userID) {
+      throw ApiError(404, "INSTALLATION_NOT_FOUND", "The installation was not found");
+    }
+    deleteInstallation(conn, appID, deviceType, token);
+  });
+  call.replyNoContent();
+}
+
+// ------------------------------------------------------------------ topics
+
+// A topic route under one scope: the handler receives the scope's owner path segment (empty for
+// the application) and the index of the route's first parameter after the scope.
+using ScopedHandler = std::function<void(Call&, const std::string& appID, ScopeKind kind,
+                                         const std::string& owner, std::size_t next)>;
+
+void addTopicRoute(Router& router, Service& service, const std::string& method,
+                   const std::string& suffix, const ScopedHandler& handler) {
+  addApiRoute(router, service, method, "/topics" + suffix,
+              [handler](Call& call, const std::string& app) {
+                handler(call, app, ScopeKind::App, std::string(), 1);
+              });
+  addApiRoute(router, service, method, "/users/{}/topics" + suffix,
+              [handler](Call& call, const std::string& app) {
+                handler(call, app, ScopeKind::User, call.param(1), 2);
+              });
+  addApiRoute(router, service, method, "/groups/{}/topics" + suffix,
+              [handler](Call& call, const std::string& app) {
+                handler(call, app, ScopeKind::Group, call.param(1), 2);
+              });
+}
+
+// The caller and the topic scope of a request; 404 when the owner does not exist.
+struct TopicContext {
+  UserRow caller;
+  BucketScope scope;
+};
+
+TopicContext openTopicContext(const Service& service, const Call& call, Connection& conn,
+                              const std::string& appID, ScopeKind kind, const std::string& owner) {
+  TopicContext context{service.requireUser(call, conn, appID), {kind, {}}};
+  if (kind == ScopeKind::User) {
+    context.scope.ownerID = resolveUserPath(conn, appID, owner, context.caller).userID;
+  } else if (kind == ScopeKind::Group) {
+    if (!findGroup(conn, appID, owner)) throw groupNotFound();
+    context.scope.ownerID = owner;
+  }
+  return context;
+}
+
+bool isMember(Connection& conn, const std::string& appID, const std::string& groupID,
+              const std::string& userID) {
+  for (const auto& member : groupMembers(conn, appID, groupID)) {
+    if (member == userID) return true;
+  }
+  return false;
+}
+
+// Creating, listing and subscribing: anybody in the application scope, the user in its own, the
+// members in a group's.
+void requireUse(Connection& conn, const std::string& appID, const TopicContext& context) {
+  const std::string& caller = context.caller.userID;
+  switch (context.scope.kind) {
+    case ScopeKind::App:
+      return;
+    case ScopeKind::User:
+      if (context.scope.ownerID == caller) return;
+      throw forbidden("Only the user itself may use its topics");
+    case ScopeKind::Group:
+      if (isMember(conn, appID, context.scope.ownerID, caller)) return;
+      throw forbidden("Only the members of the group may use its topics");
+  }
+}
+
+void requireDelete(Connection& conn, const std::string& appID, const TopicContext& context,
+                   const TopicRow& topic) {
+  const std::string& caller = context.caller.userID;
+  switch (context.scope.kind) {
+    case ScopeKind::App:
+      if (topic.creator == caller) return;
+      throw forbidden("Only the creator of the topic may delete it");
+    case ScopeKind::User:
+      if (context.scope.ownerID == caller) return;
+      throw forbidden("Only the user itself may delete its topics");
+    case ScopeKind::Group: {
+      auto group = findGroup(conn, appID, context.scope.ownerID);
+      if (topic.creator == caller || (group && group->owner == caller)) return;
+      throw forbidden("Only the group's owner or the topic's creator may delete it");
+    }
+  }
+}
+
+TopicRow existingTopic(Connection& conn, const std::string& appID, const TopicKey& key) {
+  auto topic = findTopic(conn, appID, key);
+  if (!topic) throw topicNotFound();
+  return *topic;
+}
+
+void addTopicRoutes(Router& router, Service& service) {
+  addTopicRoute(router, service, "PUT", "/{}",
+                [&service](Call& call, const std::string& app, ScopeKind kind,
+                           const std::string& owner, std::size_t next) {
+                  const std::string& name = call.param(next);
+                  requireTopicName(name);
+                  service.db.transaction([&](Connection& conn) {
+                    auto context = openTopicContext(service, call, conn, app, kind, owner);
+                    requireUse(conn, app, context);
+                    TopicKey key{context.scope, name};
+                    if (findTopic(conn, app, key)) {
+                      throw ApiError(409, "TOPIC_ALREADY_EXISTS", "The topic exists already");
+                    }
+                    insertTopic(conn, app, {key, context.caller.userID, Service::now()});
+                  });
+                  call.replyNoContent();
+                });
+
+  addTopicRoute(router, service, "DELETE", "/{}",
+                [&service](Call& call, const std::string& app, ScopeKind kind,
+                           const std::string& owner, std::size_t next) {
+                  const std::string& name = call.param(next);
+                  requireTopicName(name);
+                  service.db.transaction([&](Connection& conn) {
+                    auto context = openTopicContext(service, call, conn, app, kind, owner);
+                    TopicKey key{context.scope, name};
+                    auto topic = existingTopic(conn, app, key);
+                    requireDelete(conn, app, context, topic);
+                    deleteTopic(conn, app, key);
+                  });
+                  call.replyNoContent();
+                });
+
+  // GET answers as HEAD does: 204 for a topic that exists, no body.
+  addTopicRoute(router, service, "GET", "/{}",
+                [&service](Call& call, const std::string& app, ScopeKind kind,
+                           const std::string& owner, std::size_t next) {
+                  const std::string& name = call.param(next);
+                  requireTopicName(name);
+                  service.db.transaction([&](Connection& conn) {
+                    auto context = openTopicContext(service, call, conn, app, kind, owner);
+                    existingTopic(conn, app, {context.scope, name});
+                  });
+                  call.replyNoContent();
+                });
+
+  addTopicRoute(router, service, "GET", "",
+                [&service](Call& call, const std::string& app, ScopeKind kind,
+                           const std::string& owner, std::size_t) {
+                  auto after = call.query("paginationKey");
+                  if (after && after->empty()) throw invalidInput("paginationKey is empty");
+                  auto page = service.db.transaction([&](Connection& conn) {
+                    auto context = openTopicContext(service, call, conn, app, kind, owner);
+                    requireUse(conn, app, context);
+                    // One more than a page tells whether another page follows.
+                    auto names = listTopics(conn, app, context.scope, after, kTopicPageSize + 1);
+                    const bool more = names.size() > static_cast<std::size_t>(kTopicPageSize);
+                    if (more) names.resize(kTopicPageSize);
+                    nlohmann::json topics = nlohmann::json::array();
+                    for (const auto& name : names) topics.push_back({{"topicID", name}});
+                    nlohmann::json out = {{"topics", std::move(topics)}};
+                    if (more) out["paginationKey"] = names.back();
+                    return out;
+                  });
+                  call.reply(200, page);
+                });
+}
+
+// ------------------------------------------------------------------ subscriptions
+
+enum class SubscriptionChange { Add, Remove, Check };
+
+void changeSubscription(Service& service, Call& call, const std::string& app, ScopeKind kind,
+                        const std::string& owner, std::size_t next, SubscriptionChange change) {
+  const std::string& name = call.param(next);
+  requireTopicName(name);
+  service.db.transaction([&](Connection& conn) {
+    auto context = openTopicContext(service, call, conn, app, kind, owner);
+    TopicKey key{context.scope, name};
+    existingTopic(conn, app, key);
+    auto subscriber = resolveUserPath(conn, app, call.param(next + 1), context.caller);
+    if (subscriber.userID != context.caller.userID) {
+      throw forbidden("A user subscribes only itself");
+    }
+    requireUse(conn, app, context);
+    const std::string path = "users/" + subscriber.userID;
+    const bool exists = hasSubscription(conn, app, key, path);
+    switch (change) {
+      case SubscriptionChange::Add:
+        if (exists) {
+          throw ApiError(409, "PUSH_SUBSCRIPTION_ALREADY_EXISTS",
+                         "The subscription exists already");
+        }
+        insertSubscription(conn, app, key, path, Service::now());
+        break;
+      case SubscriptionChange::Remove:
+        if (!exists) {
+          throw ApiError(409, "PUSH_SUBSCRIPTION_NOT_FOUND", "There is no such subscription");
+        }
+        deleteSubscription(conn, app, key, path);
+        break;
+      case SubscriptionChange::Check:
+        if (!exists) {
+          throw ApiError(404, "PUSH_SUBSCRIPTION_NOT_FOUND", "There is no such subscription");
+        }
+        break;
+    }
+  });
+  call.replyNoContent();
+}
+
+void addSubscriptionRoutes(Router& router, Service& service) {
+  const std::string suffix = "/{}/push/subscriptions/users/{}";
+  const std::pair<const char*, SubscriptionChange> methods[] = {
+      {"PUT", SubscriptionChange::Add},
+      {"DELETE", SubscriptionChange::Remove},
+      {"GET", SubscriptionChange::Check},
+  };
+  for (const auto& [method, change] : methods) {
+    addTopicRoute(router, service, method, suffix,
+                  [&service, change = change](Call& call, const std::string& app, ScopeKind kind,
+                                              const std::string& owner, std::size_t next) {
+                    changeSubscription(service, call, app, kind, owner, next, change);
+                  });
+  }
+}
+
+}  // namespace
+
+void addPushRoutes(Router& router, Service& service) {
+  addApiRoute(router, service, "POST", "/installations",
+              [&service](Call& call, const std::string& app) { install(service, call, app); });
+  addApiRoute(router, service, "DELETE", "/installations/{}",
+              [&service](Call& call, const std::string& app) { uninstall(service, call, app); });
+  addTopicRoutes(router, service);
+  addSubscriptionRoutes(router, service);
+}
+
+}  // namespace jovemu
