@@ -3,7 +3,16 @@
 
 #include "jov/request.hpp"
 
+#include <strings.h>
+
+#include <chrono>
+#include <cmath>
+#include <random>
+#include <set>
+#include <thread>
+
 #include "core/cancel_state.hpp"
+#include "core/io_loop.hpp"
 #include "core/exchange.hpp"
 #include "core/session.hpp"
 #include "jov/application.hpp"
@@ -15,27 +24,70 @@ namespace {
 
 constexpr int kTraceLevel = 3;
 
+// What a trace shows of a secret unless Jov::setTraceSecrets(true).
+constexpr const char* kHidden = "***";
+
+bool secretHeader(const std::string& field) {
+  return strcasecmp(field.c_str(), "Authorization") == 0 ||
+         strcasecmp(field.c_str(), "X-Jov-AppKey") == 0;
+}
+
+bool secretField(const std::string& key) {
+  static const std::set<std::string> kSecrets = {"password",      "newPassword",  "access_token",
+                                                 "refresh_token", "_accessToken", "thingPassword"};
+  return kSecrets.contains(key);
+}
+
+void hideSecrets(nlohmann::json& value) {
+  if (value.is_object()) {
+    for (auto& [key, item] : value.items()) {
+      if (secretField(key) && !item.is_null()) item = kHidden;
+      else hideSecrets(item);
+    }
+  } else if (value.is_array()) {
+    for (auto& item : value) hideSecrets(item);
+  }
+}
+
+// A body as the trace shows it: cut at 1024 characters, JSON with its secrets hidden. A body
+// that is not JSON (a form, a file) is shown as it is unless it names a secret field.
+std::string traceBody(const std::string& body) {
+  if (body.empty() || Jov::traceSecrets()) return JovRequest::trimHttpBodyString(body);
+  auto parsed = nlohmann::json::parse(body, nullptr, false);
+  if (parsed.is_discarded()) {
+    for (const char* key : {"password", "access_token", "refresh_token", "thingPassword"})
+      if (body.find(key) != std::string::npos) return "(" + std::to_string(body.size()) + " bytes)";
+    return JovRequest::trimHttpBodyString(body);
+  }
+  hideSecrets(parsed);
+  return JovRequest::trimHttpBodyString(parsed.dump());
+}
+
+std::string traceValue(const std::string& field, const std::string& value) {
+  return secretHeader(field) && !Jov::traceSecrets() ? kHidden : value;
+}
+
 std::string traceHeaders(const char* label, const JovHeaders& headers) {
   std::string text;
   for (const auto& [field, value] : headers)
-    text.append("\n").append(label).append(field).append(" / ").append(value);
+    text.append("\n").append(label).append(field).append(" / ").append(traceValue(field, value));
   return text;
 }
 
 void showHttpRequestInfo(const JovURLRequest& t) {
-  const std::string& body = t.httpBody();
+  const std::string body = traceBody(t.httpBody());
   std::string text = "***** JovRequest - Request Output *****";
   text += traceHeaders("Request Header : ", t.headers());
   if (!body.empty()) {
-    text += "\nMaking request[" + t.httpMethod() + "] to URL " + t.url() +
-            " with data: " + JovRequest::trimHttpBodyString(body);
+    text += "\nMaking request[" + t.httpMethod() + "] to URL " + t.url() + " with data: " + body;
   } else {
     text += "\nMaking request[" + t.httpMethod() + "] to URL " + t.url();
   }
   std::string curl = "curl -v -X " + t.httpMethod();
-  for (const auto& [field, value] : t.headers()) curl += " -H \"" + field + ":" + value + "\"";
+  for (const auto& [field, value] : t.headers())
+    curl += " -H \"" + field + ":" + traceValue(field, value) + "\"";
   curl += " " + t.url();
-  if (!body.empty()) curl += " -d '" + JovRequest::trimHttpBodyString(body) + "'";
+  if (!body.empty()) curl += " -d '" + body + "'";
   text += "\n=> Copy and paste following line that is curl compatible command.\n" + curl;
   JOV_LOG(kTraceLevel, text);
 }
@@ -44,7 +96,7 @@ void showHttpResponseInfo(JovURLRequest& t) {
   std::string text = "***** JovRequest - Response Output *****";
   text += traceHeaders("Response Header : ", t.responseHeaders());
   text += "\nReceived response[" + std::to_string(t.responseCode()) +
-          "]: " + JovRequest::trimHttpBodyString(t.responseData());
+          "]: " + traceBody(t.responseData());
   JOV_LOG(kTraceLevel, text);
 }
 
@@ -181,18 +233,18 @@ void readFailure(JovURLRequest& t, JovResponse& response, std::string& serverCod
   response.error = JovError::errorWithCode(code, std::move(info));
 }
 
+// Who resumes a suspended routine: the event it waits for or the cancellation, whichever first.
+struct Flight {
+  std::atomic<bool> claimed{false};
+  bool claim() { return !claimed.exchange(true, std::memory_order_acq_rel); }
+};
+
 // Sends the transport's request: inline in a blocking run; through the transport's
 // asynchronous path in an asynchronous one, where a cancellation ends the wait at once.
 struct Transmit {
   std::shared_ptr<JovURLRequest> transport;
   std::optional<JovError> cancelled;
   std::shared_ptr<detail::CancelState> attachedTo;
-
-  // Who resumes the routine: the transport's completion or the cancellation, whichever first.
-  struct Flight {
-    std::atomic<bool> claimed{false};
-    bool claim() { return !claimed.exchange(true, std::memory_order_acq_rel); }
-  };
 
   bool await_ready() const noexcept { return false; }
   template <class P>
@@ -233,6 +285,60 @@ struct Transmit {
   }
   std::optional<JovError> await_resume() {
     if (attachedTo) attachedTo->detach();
+    attachedTo.reset();
+    return std::move(cancelled);
+  }
+};
+
+// The wait before a retry: a sleep of the calling thread in a blocking run (in slices, so that a
+// cancellation from another thread ends it), a timer of the I/O thread in an asynchronous one.
+struct Backoff {
+  std::chrono::milliseconds delay{0};
+  std::optional<JovError> cancelled;
+  std::shared_ptr<detail::CancelState> attachedTo;
+
+  bool await_ready() const noexcept { return false; }
+  template <class P>
+  bool await_suspend(std::coroutine_handle<P> routine) {
+    detail::Env& env = *routine.promise().env;
+    if (env.cancel) {
+      if (auto error = env.cancel->error()) {
+        cancelled = std::move(error);
+        return false;
+      }
+    }
+    const auto until = std::chrono::steady_clock::now() + delay;
+    if (!env.async) {
+      for (auto now = std::chrono::steady_clock::now(); now < until && !cancelled;
+           now = std::chrono::steady_clock::now()) {
+        std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
+            until - now, std::chrono::milliseconds(20)));
+        if (env.cancel) cancelled = env.cancel->error();
+      }
+      return false;
+    }
+    auto flight = std::make_shared<Flight>();
+    if (env.cancel) {
+      std::shared_ptr<detail::CancelState> cancel = env.cancel;
+      bool attached = cancel->attach([this, flight, cancel, routine] {
+        if (!flight->claim()) return;
+        cancelled = cancel->error();
+        detail::resumeOnWorker(routine);
+      });
+      if (!attached) {
+        cancelled = cancel->error();
+        return false;
+      }
+      attachedTo = env.cancel;
+    }
+    detail::IoLoop::instance().addTimer(until, [flight, routine] {
+      if (flight->claim()) detail::resumeOnWorker(routine);
+    });
+    return true;
+  }
+  std::optional<JovError> await_resume() {
+    if (attachedTo) attachedTo->detach();
+    attachedTo.reset();
     return std::move(cancelled);
   }
 };
@@ -306,6 +412,11 @@ struct Execution {
   std::shared_ptr<JovURLRequest> transport;
   std::optional<JovError> error;
   bool trace = false;
+  // The retry policy read when the exchange began, the attempts made and when the first began.
+  std::optional<JovRetryPolicy> retry;
+  int attempts = 0;
+  std::chrono::steady_clock::time_point started;
+  std::optional<std::chrono::milliseconds> delay;
 };
 
 // The application's checks; false when nothing may be sent.
@@ -334,6 +445,34 @@ void addHeaders(Execution& x) {
   addApplicationHeaders(x.r, *x.transport, x.appID, x.appKey);
   x.trace = JovLogger::enabled(kTraceLevel);
   if (x.trace) showHttpRequestInfo(*x.transport);
+}
+
+// The wait before sending the exchange again, or nothing when it ends here. Only an exchange
+// that may reach the service twice is retried (GET, HEAD, PUT, DELETE), and only when no answer
+// came or the answer was 502, 503 or 504: another answer is the service's word.
+std::optional<std::chrono::milliseconds> retryDelay(Execution& x) {
+  if (!x.retry || x.attempts >= x.retry->maxAttempts) return std::nullopt;
+  const JovURLRequest& t = *x.transport;
+  if (!t.isIdempotent() || t.localFailure() || t.responseTooLarge()) return std::nullopt;
+  const int status = t.responseCode();
+  if (!t.responseError() && status != 502 && status != 503 && status != 504) return std::nullopt;
+  const JovRetryPolicy& p = *x.retry;
+  double wait = static_cast<double>(p.initialDelay.count()) *
+                std::pow(std::max(p.multiplier, 1.0), x.attempts - 1);
+  wait = std::min(wait, static_cast<double>(p.maxDelay.count()));
+  const double jitter = std::clamp(p.jitter, 0.0, 1.0);
+  if (jitter > 0) {
+    thread_local std::mt19937 random{std::random_device{}()};
+    wait -= wait * jitter * std::uniform_real_distribution<double>(0.0, 1.0)(random);
+  }
+  const auto delay = std::chrono::milliseconds(static_cast<std::int64_t>(std::max(wait, 0.0)));
+  if (std::chrono::steady_clock::now() + delay > x.started + p.budget) return std::nullopt;
+  JOV_LOG(JovLogInfo, t.httpMethod() + " " + t.url() + ": " +
+                          (t.responseError() ? *t.responseError()
+                                             : "answered " + std::to_string(status)) +
+                          "; attempt " + std::to_string(x.attempts + 1) + " in " +
+                          std::to_string(delay.count()) + " ms");
+  return delay;
 }
 
 JovResponse failed(Execution& x) {
@@ -389,8 +528,25 @@ Task<JovResponse> execute(JovRequest& r, std::string etag) {
   if (!r.anonymous && x.hooks) x.error = co_await x.hooks->refreshTokenIfNeeded();
   if (x.error) co_return failed(x);
   addHeaders(x);
+  x.retry = Jov::retryPolicy();
+  x.started = std::chrono::steady_clock::now();
   Transmit transmit{x.transport, std::nullopt, nullptr};
+  Backoff backoff;
   x.error = co_await transmit;
+  ++x.attempts;
+  while (!x.error) {
+    x.delay = retryDelay(x);
+    if (!x.delay) break;
+    backoff.delay = *x.delay;
+    x.error = co_await backoff;
+    if (x.error) break;
+    // A fresh request, with the token as it is now.
+    prepare(x);
+    addHeaders(x);
+    transmit.transport = x.transport;
+    x.error = co_await transmit;
+    ++x.attempts;
+  }
   if (x.error) co_return failed(x);
   co_return finish(x);
 }

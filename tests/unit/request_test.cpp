@@ -336,6 +336,87 @@ TEST_F(RequestTest, TracesTheExchangeWithACurlLineAndTrimsLongBodies) {
   EXPECT_TRUE(lines.empty());
 }
 
+TEST_F(RequestTest, TracesHideSecretsUnlessAskedToShowThem) {
+  std::string all;
+  JovLogger::setSink([&](int, const std::string& line) { all += line + "\n"; });
+  Jov::setLogLevel(3);
+  auto login = [&] {
+    all.clear();
+    JovRequest r("/oauth2/token");
+    r.requestMethod = JovMethodPost;
+    r.postData = json{{"username", "ann"}, {"password", "pw-123"}, {"nested", {{"newPassword", "np-9"}}}};
+    r.customHeaders.emplace_back("Authorization", "Bearer tok-7");
+    run(r, {200, R"({"access_token":"at-5","refresh_token":"rt-6","expires_in":3600})"});
+  };
+  login();
+  for (const char* secret : {"pw-123", "np-9", "tok-7", "key1", "at-5", "rt-6"})
+    EXPECT_EQ(all.find(secret), std::string::npos) << secret << " is in the trace:\n" << all;
+  EXPECT_NE(all.find("\"username\":\"ann\""), std::string::npos) << "other fields stay";
+  EXPECT_NE(all.find("X-Jov-AppKey / ***"), std::string::npos);
+  EXPECT_NE(all.find("-H \"Authorization:***\""), std::string::npos);
+  EXPECT_NE(all.find("\"expires_in\":3600"), std::string::npos);
+
+  Jov::setTraceSecrets(true);
+  login();
+  Jov::setTraceSecrets(false);
+  for (const char* secret : {"pw-123", "np-9", "tok-7", "key1", "at-5", "rt-6"})
+    EXPECT_NE(all.find(secret), std::string::npos) << secret << " is asked for";
+}
+
+TEST_F(RequestTest, RetriesOnlyWhatMayReachTheServiceTwiceAndOnlyByThePolicy) {
+  const Answer unavailable{503, R"({"errorCode":"BUSY"})"};
+  const Answer noAnswer{0, "", {}, std::string("connection reset")};
+  auto send = [&](int method, std::vector<Answer> answers, JovHeaders headers = {}) {
+    factory->sent.clear();
+    for (auto& a : answers) factory->answers.push_back(a);
+    JovRequest r("/x");
+    r.requestMethod = method;
+    r.customHeaders = std::move(headers);
+    auto res = r.makeSynchronousRequest();
+    factory->answers.clear();
+    return res;
+  };
+
+  // No policy: every exchange is sent once.
+  EXPECT_EQ(send(JovMethodGet, {unavailable, Answer{}}).status, 503);
+  EXPECT_EQ(factory->sent.size(), 1u);
+
+  JovRetryPolicy policy;
+  policy.initialDelay = std::chrono::milliseconds(1);
+  policy.maxDelay = std::chrono::milliseconds(2);
+  Jov::setRetryPolicy(policy);
+  auto res = send(JovMethodGet, {unavailable, noAnswer, Answer{200, R"({"ok":1})"}});
+  EXPECT_TRUE(res.ok());
+  EXPECT_EQ(res.json, (json{{"ok", 1}}));
+  EXPECT_EQ(factory->sent.size(), 3u);
+
+  // Three attempts in all, then the last answer stands.
+  res = send(JovMethodDelete, {unavailable, unavailable, unavailable, Answer{}});
+  EXPECT_EQ(res.status, 503);
+  EXPECT_EQ(res.error->userInfo().value("server_code", ""), "BUSY");
+  EXPECT_EQ(factory->sent.size(), 3u);
+
+  // The service's own refusal is its word; a POST, a PATCH and an override are sent once.
+  EXPECT_EQ(send(JovMethodPut, {Answer{409, "{}"}, Answer{}}).status, 409);
+  EXPECT_EQ(factory->sent.size(), 1u);
+  EXPECT_EQ(send(JovMethodPost, {noAnswer, Answer{}}).error->code(), 201);
+  EXPECT_EQ(factory->sent.size(), 1u);
+  EXPECT_EQ(send(JovMethodPatch, {unavailable, Answer{}}).status, 503);
+  EXPECT_EQ(factory->sent.size(), 1u);
+  EXPECT_EQ(send(JovMethodPut, {unavailable, Answer{}}, {{"X-HTTP-Method-Override", "PATCH"}}).status,
+            503);
+  EXPECT_EQ(factory->sent.size(), 1u);
+
+  // A budget shorter than the first wait leaves nothing to retry.
+  policy.initialDelay = policy.maxDelay = std::chrono::milliseconds(50);
+  policy.jitter = 0;
+  policy.budget = std::chrono::milliseconds(10);
+  Jov::setRetryPolicy(policy);
+  EXPECT_EQ(send(JovMethodGet, {unavailable, Answer{}}).status, 503);
+  EXPECT_EQ(factory->sent.size(), 1u);
+  Jov::setRetryPolicy(std::nullopt);
+}
+
 TEST_F(RequestTest, HandlesAFiftyMegabyteErrorBody) {
   std::string big = R"({"errorCode":"TOO_BIG","message":")" + std::string(50 << 20, 'x') + "\"}";
   JovRequest r("/x");
