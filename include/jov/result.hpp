@@ -80,10 +80,12 @@ class Result {
   template <class F>
   auto transform(F&& f) && {
     using U = std::invoke_result_t<F, T&&>;
+    // Result<U> rather than Result<void>: a dependent name, which clang checks only once
+    // Result<void> is complete.
     if constexpr (std::is_void_v<U>) {
-      if (!ok()) return Result<void>(std::get<1>(std::move(state_)));
+      if (!ok()) return Result<U>(std::get<1>(std::move(state_)));
       std::forward<F>(f)(std::get<0>(std::move(state_)));
-      return Result<void>();
+      return Result<U>();
     } else {
       if (!ok()) return Result<U>(std::get<1>(std::move(state_)));
       return Result<U>(std::forward<F>(f)(std::get<0>(std::move(state_))));

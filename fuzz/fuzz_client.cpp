@@ -1,0 +1,140 @@
+// The library's side: arbitrary answers of the service through JovRequest and the loaders of
+// users, groups, objects and push installations, and arbitrary URIs, with a transport that
+// answers from the fuzz input instead of the network.
+//
+// Input: one byte choosing the operation, two bytes of HTTP status (taken modulo 600), one byte
+// choosing an ETag, then the answer's body. Aborts when an operation succeeds on an answer the
+// service never gives as a success, or when a failed one changed its entity.
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "jov/application.hpp"
+#include "jov/bucket.hpp"
+#include "jov/group.hpp"
+#include "jov/object.hpp"
+#include "jov/push_installation.hpp"
+#include "jov/query.hpp"
+#include "jov/request.hpp"
+#include "jov/user.hpp"
+
+namespace {
+
+using namespace jov;
+
+struct Scripted {
+  int status = 200;
+  std::string body;
+  JovHeaders headers;
+};
+thread_local Scripted answer;
+
+class Request final : public JovURLRequest {
+ public:
+  using JovURLRequest::JovURLRequest;
+  void sendRequest() override {
+    responseCode_ = answer.status;
+    responseHeaders_ = answer.headers;
+    responseData_ = answer.body;
+    if (answer.status == 0) responseError_ = "connection reset";
+  }
+};
+
+class Factory final : public JovURLRequestFactory {
+ public:
+  std::unique_ptr<JovURLRequest> requestWithURL(const std::string& url) override {
+    return std::make_unique<Request>(url);
+  }
+};
+
+void check(bool condition) {
+  if (!condition) std::abort();
+}
+
+bool success(int status) { return status >= 200 && status <= 299; }
+
+void setUp() {
+  Jov::beginWithID("app", "key", std::string("http://fuzz.invalid/api"));
+  Jov::setRequestFactory(std::make_shared<Factory>());
+  Jov::setMaxAnswerSize(1 << 16);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static const bool ready = (setUp(), true);
+  (void)ready;
+  if (size < 4) return 0;
+  const int op = data[0] % 8;
+  answer.status = ((data[1] << 8) | data[2]) % 600;
+  answer.headers.clear();
+  if (data[3] % 2) answer.headers.emplace_back("ETag", "\"v" + std::to_string(data[3]) + "\"");
+  answer.body.assign(reinterpret_cast<const char*>(data + 4), size - 4);
+  const auto json = nlohmann::json::parse(answer.body, nullptr, false);
+
+  switch (op) {
+    case 0: {  // the error mapping of an arbitrary answer
+      JovRequest r("/x");
+      auto res = r.makeSynchronousRequest();
+      check(res.ok() == (success(answer.status) && !res.error));
+      if (!res.ok()) check(!res.error->describe().empty());
+      break;
+    }
+    case 1: {  // a user's refresh: a failure changes nothing
+      auto user = JovUser::userWithID("u1");
+      auto refreshed = user->refreshSynchronous();
+      if (!refreshed) check(user->username().empty() && user->email().empty());
+      else check(success(answer.status));
+      break;
+    }
+    case 2: {  // a group's refresh
+      auto group = JovGroup::groupWithID("g1");
+      auto refreshed = group->refreshSynchronous();
+      if (!refreshed) check(group->name().empty());
+      else check(success(answer.status));
+      break;
+    }
+    case 3: {  // an object's refresh and its loader
+      auto object = Jov::bucketWithName("notes")->createObjectWithID("o1");
+      const auto before = object->dictionaryValue();
+      auto refreshed = object->refreshSynchronous();
+      if (!refreshed) check(object->dictionaryValue() == before);
+      else check(success(answer.status));
+      if (!json.is_discarded() && !object->loadFromJSON(json))
+        check(object->dictionaryValue() == (refreshed ? object->dictionaryValue() : before));
+      (void)object->describe();
+      break;
+    }
+    case 4: {  // the loaders given the body as a record
+      if (json.is_discarded()) break;
+      auto user = JovUser::userWithID("u2");
+      if (!user->loadFromJSON(json)) check(user->username().empty() && user->email().empty());
+      auto group = JovGroup::groupWithID("g2");
+      if (!group->loadFromJSON(json)) check(group->name().empty());
+      auto installation = JovPushInstallation::installation();
+      (void)installation->loadFromJSON(json);
+      break;
+    }
+    case 5: {  // URIs of users, groups and objects
+      const std::string& uri = answer.body;
+      if (auto user = JovUser::userWithURI(uri)) check(!user->userID().empty());
+      if (auto group = JovGroup::groupWithURI(uri)) check(!group->groupID().empty());
+      if (auto object = JovObject::objectWithURI(uri)) {
+        auto again = object->objectURI();
+        check(again && JovObject::objectWithURI(*again) != nullptr);
+      }
+      break;
+    }
+    case 6: {  // a count's answer
+      auto counted = Jov::bucketWithName("notes")->countSynchronous();
+      if (counted) check(success(answer.status) && counted.value() >= 0);
+      break;
+    }
+    default: {  // a page of a query
+      auto page = Jov::bucketWithName("notes")->executeQuerySynchronous(JovQuery());
+      if (page) check(success(answer.status));
+      break;
+    }
+  }
+  return 0;
+}
