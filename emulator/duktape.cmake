@@ -35,4 +35,6 @@ target_include_directories(jov_duktape PUBLIC ${JOV_DUKTAPE_DIR} ${CMAKE_CURRENT
 # Third-party source: its warnings are not ours to fix. Optimised in every build type: a debug
 # build of the interpreter runs scripts several times slower, and time limits are real time.
 target_compile_options(jov_duktape PRIVATE -w -O2)
+# strptime and the other POSIX calls its date functions use (clang 16 refuses implicit declarations).
+target_compile_definitions(jov_duktape PRIVATE _GNU_SOURCE)
 target_link_libraries(jov_duktape PUBLIC m)

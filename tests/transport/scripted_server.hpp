@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <mutex>
@@ -33,6 +34,9 @@ class ScriptedServer {
     int status = 200;
     std::string body;
     bool chunked = false;  // no Content-Length: the body in chunks of at most 16 KiB
+    int stallMs = 0;       // silence before the answer
+    int stallMidBodyMs = 0;  // the head and half the body, then silence
+    bool cutShort = false;   // a Content-Length larger than the body, then close
     static Step answer(int status, std::string body = "{}") {
       return {false, status, std::move(body), false};
     }
@@ -139,8 +143,19 @@ class ScriptedServer {
       }
       Step step = script_(seen);
       if (step.close) return finish(fd);
+      if (!pause(step.stallMs)) return finish(fd);
       std::string reply = "HTTP/1.1 " + std::to_string(step.status) + " X\r\n" +
                           "Content-Type: application/json\r\nConnection: keep-alive\r\n";
+      if (step.cutShort || step.stallMidBodyMs > 0) {
+        const std::size_t half = step.body.size() / 2;
+        reply += "Content-Length: " + std::to_string(step.body.size() + (step.cutShort ? 100 : 0)) +
+                 "\r\n\r\n";
+        if (!sendAll(fd, reply, false) || !sendAll(fd, step.body.substr(0, half), true) ||
+            !pause(step.stallMidBodyMs) || !sendAll(fd, step.body.substr(half), true))
+          return finish(fd);
+        if (step.cutShort) return finish(fd);
+        continue;
+      }
       if (!step.chunked) {
         reply += "Content-Length: " + std::to_string(step.body.size()) + "\r\n\r\n";
         if (!sendAll(fd, reply, false) || !sendAll(fd, step.body, true)) return finish(fd);
@@ -157,6 +172,13 @@ class ScriptedServer {
       }
       if (!sendAll(fd, "0\r\n\r\n", false)) return finish(fd);
     }
+  }
+
+  // Waits, in slices so that the server's end does not wait for it; false once it is ending.
+  bool pause(int ms) {
+    for (int waited = 0; waited < ms && !stopping_; waited += 10)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return !stopping_;
   }
 
   void finish(int fd) {
