@@ -78,7 +78,13 @@ std::optional<JovSocialAccountInfo> socialAccount(JovSocialNetwork provider,
 
 template <class T, class V>
 void setIfChanged(T& field, V&& value) {
-  if (!(field == value)) field = std::forward<V>(value);
+  if constexpr (std::is_same_v<std::decay_t<V>, nlohmann::json>) {
+    // Converted first: comparing a field with a json value is ambiguous under C++20's reversed
+    // operators, which clang rejects.
+    setIfChanged(field, value.template get<T>());
+  } else {
+    if (!(field == value)) field = std::forward<V>(value);
+  }
 }
 
 }  // namespace
