@@ -81,7 +81,8 @@ void setIfChanged(T& field, V&& value) {
   if constexpr (std::is_same_v<std::decay_t<V>, nlohmann::json>) {
     // Converted first: comparing a field with a json value is ambiguous under C++20's reversed
     // operators, which clang rejects.
-    setIfChanged(field, value.template get<T>());
+    T converted = value.template get<T>();
+    if (!(field == converted)) field = std::move(converted);
   } else {
     if (!(field == value)) field = std::forward<V>(value);
   }

@@ -133,7 +133,9 @@ TEST(QueryTest, EmptyCompositesAtAnyDepth) {
   for (std::size_t i = 0; i < rows.size(); ++i) {
     const auto error = rows[i].first.pendingError();
     EXPECT_EQ(error.has_value(), rows[i].second) << "row " << i;
-    if (error) EXPECT_EQ(error->code(), JovError::codeEmptyQueryClauses());
+    if (error) {
+      EXPECT_EQ(error->code(), JovError::codeEmptyQueryClauses());
+    }
   }
   EXPECT_EQ(JovQuery::queryWithDictionary(nullptr).dictValue()["bucketQuery"]["clause"],
             json({{"type", "all"}}));
