@@ -14,6 +14,7 @@ struct BucketArgs {
   std::string bucket, user, group, object, json, where, order;
   bool encrypted = false, descending = false, all = false, force = false;
   std::uint32_t limit = 0;
+  std::vector<std::string> set, unset;
 };
 
 void addBucketOptions(CLI::App* command, BucketArgs& args) {
@@ -27,13 +28,33 @@ std::shared_ptr<jov::JovBucket> bucketOf(Context& ctx, const BucketArgs& args) {
   return bucketNamed(ctx, args.bucket, args.user, args.group, args.encrypted);
 }
 
-// The fields given as an argument, or read from standard input for "-" or nothing.
-json fieldsOf(const std::string& text) {
-  std::string input = text;
-  if (input.empty() || input == "-")
-    input.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-  json fields = json::parse(input, nullptr, false);
-  if (!fields.is_object()) throw usageError("the fields must be a JSON object");
+void addFieldOptions(CLI::App* command, BucketArgs& args) {
+  command->add_option("fields", args.json, "The fields (JSON object; '-' or nothing: stdin)");
+  command->add_option("--set", args.set,
+                      "KEY=VALUE, repeatable; VALUE is JSON when it reads as JSON (3, true, "
+                      "[1,2], {\"a\":1}), else text");
+}
+
+// The fields: the JSON object given (or read from standard input for "-", or for nothing when
+// no --set is given either), then every --set KEY=VALUE over it.
+json fieldsOf(const BucketArgs& args) {
+  json fields = json::object();
+  if (!args.json.empty() || args.set.empty()) {
+    std::string input = args.json;
+    if (input.empty() || input == "-")
+      input.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    fields = json::parse(input, nullptr, false);
+    if (!fields.is_object()) throw usageError("the fields must be a JSON object");
+  }
+  for (const auto& assignment : args.set) {
+    const auto equals = assignment.find('=');
+    if (equals == std::string::npos || equals == 0)
+      throw usageError("--set needs KEY=VALUE, not \"" + assignment + "\"");
+    const std::string text = assignment.substr(equals + 1);
+    json value = json::parse(text, nullptr, false);
+    fields[assignment.substr(0, equals)] =
+        value.is_discarded() || value.is_null() ? json(text) : std::move(value);
+  }
   return fields;
 }
 
@@ -74,11 +95,11 @@ void addObjectCommands(CLI::App& jov, Context& ctx) {
 
   auto* create = object->add_subcommand("create", "Create an object from a JSON object of fields");
   addBucketOptions(create, *args);
-  create->add_option("fields", args->json, "The fields (JSON object; '-' or nothing: stdin)");
+  addFieldOptions(create, *args);
   create->callback([&ctx, args] {
     ctx.session();
     auto created = bucketOf(ctx, *args)->createObject();
-    setFields(*created, fieldsOf(args->json));
+    setFields(*created, fieldsOf(*args));
     ctx.check(created->saveSynchronous(), "cannot create the object");
     ctx.print(objectJSON(*created), "created " + created->objectURI().value_or(""));
   });
@@ -97,16 +118,21 @@ void addObjectCommands(CLI::App& jov, Context& ctx) {
       "update", "Change fields of an object (--all: replace the whole document)");
   addBucketOptions(update, *args);
   update->add_option("object", args->object, "Object ID")->required();
-  update->add_option("fields", args->json, "The fields (JSON object; '-' or nothing: stdin)");
+  addFieldOptions(update, *args);
+  update->add_option("--unset", args->unset, "Remove this field (repeatable)");
   update->add_flag("--all", args->all, "Replace every field");
   update->add_flag("--force", args->force, "Overwrite whatever version the service holds");
   update->callback([&ctx, args] {
     ctx.session();
     auto found = bucketOf(ctx, *args)->createObjectWithID(args->object);
-    json fields = fieldsOf(args->json);
+    // Only --unset: nothing to read from standard input.
+    json fields = args->unset.empty() || !args->json.empty() || !args->set.empty()
+                      ? fieldsOf(*args)
+                      : json::object();
     // Read it first, so that the save carries the version it was made from.
     ctx.check(found->refreshSynchronous(), "cannot read the object");
     setFields(*found, fields);
+    for (const auto& key : args->unset) found->removeObjectForKey(key);
     ctx.check(args->all ? found->saveAllFieldsSynchronous(args->force)
                         : found->saveSynchronous(args->force),
               "cannot update the object");

@@ -31,6 +31,22 @@ TEST(CliObjects, ObjectsQueriesAndCounts) {
   EXPECT_EQ(updated["fields"]["n"], 3);
   EXPECT_EQ(cli.runJSON(with({"object", "get", id}))["fields"]["n"], 3);
 
+  // --set KEY=VALUE: JSON when it reads as JSON, else text; --unset removes a field for good.
+  auto set = cli.runJSON(with({"object", "update", id, "--set", "tags=[\"a\"]", "--set",
+                               "note=buy 2", "--set", "done=true", "--unset", "text"}));
+  set["fields"].erase("_owner");
+  EXPECT_EQ(set["fields"], (nlohmann::json{{"n", 3}, {"tags", {"a"}}, {"note", "buy 2"},
+                                           {"done", true}}));
+  auto stored = cli.runJSON(with({"object", "get", id}))["fields"];
+  stored.erase("_owner");
+  EXPECT_EQ(stored, set["fields"]);
+  EXPECT_EQ(cli.runJSON(with({"object", "update", id, "--set", "text=milk", "--set", "done=null"}))
+                ["fields"]["done"],
+            "null")
+      << "null is not a field's value: it stays text";
+  EXPECT_EQ(cli.run(with({"object", "update", id, "--set", "=3"})).status, 2);
+  EXPECT_EQ(cli.run(with({"object", "update", id, "--set", "novalue"})).status, 2);
+
   auto listed = cli.runJSON(with({"query", "--order", "n", "--desc"}));
   ASSERT_EQ(listed.size(), 2u);
   EXPECT_EQ(listed[0]["fields"]["text"], "eggs");
