@@ -239,48 +239,37 @@ struct Flight {
   bool claim() { return !claimed.exchange(true, std::memory_order_acq_rel); }
 };
 
-// Sends the transport's request: inline in a blocking run; through the transport's
-// asynchronous path in an asynchronous one, where a cancellation ends the wait at once.
-struct Transmit {
-  std::shared_ptr<JovURLRequest> transport;
+// What the waits of an exchange share: a cancellation that came before the wait ends it at
+// once; one that comes during it resumes the routine, unless the awaited event claimed the flight
+// first; resuming detaches it.
+struct CancellableWait {
   std::optional<JovError> cancelled;
   std::shared_ptr<detail::CancelState> attachedTo;
 
   bool await_ready() const noexcept { return false; }
-  template <class P>
-  bool await_suspend(std::coroutine_handle<P> routine) {
-    detail::Env& env = *routine.promise().env;
-    if (env.cancel) {
-      if (auto error = env.cancel->error()) {
-        cancelled = std::move(error);
-        return false;
-      }
-    }
-    if (!env.async) {
-      transport->sendRequest();
+  // True (with `cancelled` set) when the operation is cancelled already.
+  bool cancelledBefore(const detail::Env& env) {
+    if (env.cancel) cancelled = env.cancel->error();
+    return cancelled.has_value();
+  }
+  // Lets a cancellation run `stop` and resume the routine; false (with `cancelled` set) when it
+  // came meanwhile.
+  template <class Stop>
+  bool attach(const detail::Env& env, const std::shared_ptr<Flight>& flight,
+              std::coroutine_handle<> routine, Stop stop) {
+    if (!env.cancel) return true;
+    std::shared_ptr<detail::CancelState> cancel = env.cancel;
+    bool attached = cancel->attach([this, flight, cancel, routine, stop] {
+      if (!flight->claim()) return;
+      cancelled = cancel->error();
+      stop();
+      detail::resumeOnWorker(routine);
+    });
+    if (!attached) {
+      cancelled = cancel->error();
       return false;
     }
-    auto flight = std::make_shared<Flight>();
-    if (env.cancel) {
-      std::shared_ptr<detail::CancelState> cancel = env.cancel;
-      bool attached = cancel->attach([this, flight, transport = transport, cancel, routine] {
-        if (!flight->claim()) return;
-        cancelled = cancel->error();
-        transport->cancelRequest();
-        detail::resumeOnWorker(routine);
-      });
-      if (!attached) {
-        cancelled = cancel->error();
-        return false;
-      }
-      attachedTo = env.cancel;
-    }
-    // After this call the routine may already run on a worker: nothing of `this` is touched.
-    // The completion holds the transport: a cancelled routine may end before the exchange does.
-    JovURLRequest& sender = *transport;
-    sender.sendRequestAsync([flight, routine, keep = transport] {
-      if (flight->claim()) detail::resumeOnWorker(routine);
-    });
+    attachedTo = env.cancel;
     return true;
   }
   std::optional<JovError> await_resume() {
@@ -290,23 +279,41 @@ struct Transmit {
   }
 };
 
-// The wait before a retry: a sleep of the calling thread in a blocking run (in slices, so that a
-// cancellation from another thread ends it), a timer of the I/O thread in an asynchronous one.
-struct Backoff {
-  std::chrono::milliseconds delay{0};
-  std::optional<JovError> cancelled;
-  std::shared_ptr<detail::CancelState> attachedTo;
+// Sends the transport's request: inline in a blocking run; through the transport's
+// asynchronous path in an asynchronous one, where a cancellation ends the wait at once.
+struct Transmit : CancellableWait {
+  std::shared_ptr<JovURLRequest> transport;
 
-  bool await_ready() const noexcept { return false; }
   template <class P>
   bool await_suspend(std::coroutine_handle<P> routine) {
     detail::Env& env = *routine.promise().env;
-    if (env.cancel) {
-      if (auto error = env.cancel->error()) {
-        cancelled = std::move(error);
-        return false;
-      }
+    if (cancelledBefore(env)) return false;
+    if (!env.async) {
+      transport->sendRequest();
+      return false;
     }
+    auto flight = std::make_shared<Flight>();
+    if (!attach(env, flight, routine, [transport = transport] { transport->cancelRequest(); }))
+      return false;
+    // After this call the routine may already run on a worker: nothing of `this` is touched.
+    // The completion holds the transport: a cancelled routine may end before the exchange does.
+    JovURLRequest& sender = *transport;
+    sender.sendRequestAsync([flight, routine, keep = transport] {
+      if (flight->claim()) detail::resumeOnWorker(routine);
+    });
+    return true;
+  }
+};
+
+// The wait before a retry: a sleep of the calling thread in a blocking run (in slices, so that a
+// cancellation from another thread ends it), a timer of the I/O thread in an asynchronous one.
+struct Backoff : CancellableWait {
+  std::chrono::milliseconds delay{0};
+
+  template <class P>
+  bool await_suspend(std::coroutine_handle<P> routine) {
+    detail::Env& env = *routine.promise().env;
+    if (cancelledBefore(env)) return false;
     const auto until = std::chrono::steady_clock::now() + delay;
     if (!env.async) {
       for (auto now = std::chrono::steady_clock::now(); now < until && !cancelled;
@@ -318,28 +325,11 @@ struct Backoff {
       return false;
     }
     auto flight = std::make_shared<Flight>();
-    if (env.cancel) {
-      std::shared_ptr<detail::CancelState> cancel = env.cancel;
-      bool attached = cancel->attach([this, flight, cancel, routine] {
-        if (!flight->claim()) return;
-        cancelled = cancel->error();
-        detail::resumeOnWorker(routine);
-      });
-      if (!attached) {
-        cancelled = cancel->error();
-        return false;
-      }
-      attachedTo = env.cancel;
-    }
+    if (!attach(env, flight, routine, [] {})) return false;
     detail::IoLoop::instance().addTimer(until, [flight, routine] {
       if (flight->claim()) detail::resumeOnWorker(routine);
     });
     return true;
-  }
-  std::optional<JovError> await_resume() {
-    if (attachedTo) attachedTo->detach();
-    attachedTo.reset();
-    return std::move(cancelled);
   }
 };
 
@@ -530,7 +520,8 @@ Task<JovResponse> execute(JovRequest& r, std::string etag) {
   addHeaders(x);
   x.retry = Jov::retryPolicy();
   x.started = std::chrono::steady_clock::now();
-  Transmit transmit{x.transport, std::nullopt, nullptr};
+  Transmit transmit;
+  transmit.transport = x.transport;
   Backoff backoff;
   x.error = co_await transmit;
   ++x.attempts;
