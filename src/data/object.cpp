@@ -340,7 +340,9 @@ std::string JovObject::describe() const {
   out << "    Modified: " << date(modified()) << "\n";
   out << "    URI: " << objectURI().value_or("(none)") << "\n";
   out << "    Type: " << objectType().value_or("(none)") << "\n";
-  for (const auto& [key, value] : dictionaryValue().items())
+  // A local: items() refers to its document, which a temporary would take away mid-loop.
+  const nlohmann::json fields = dictionaryValue();
+  for (const auto& [key, value] : fields.items())
     out << "    " << key << ": " << jsonText(value) << "\n";
   out << "======================";
   JOV_LOG(JovLogInfo, out.str());
