@@ -132,7 +132,9 @@ TEST(OperationFaults, EveryOperationHoldsAgainstEveryFault) {
         ADD_FAILURE() << "succeeded on a fault";
         ++failures;
       }
-      if (!succeeded) EXPECT_TRUE(op.unchanged()) << "a failed operation changed its entity";
+      if (!succeeded) {
+        EXPECT_TRUE(op.unchanged()) << "a failed operation changed its entity";
+      }
     }
   }
   std::printf("fault matrix: %zu operations x %zu faults = %d cells, %d accepted a fault\n",
