@@ -180,6 +180,7 @@ class JovQuery {
 /// @brief Geo points hash by both coordinates, so that equal points hash alike.
 template <>
 struct std::hash<jov::JovGeoPoint> {
+  /// @brief The hash of both coordinates.
   std::size_t operator()(const jov::JovGeoPoint& point) const noexcept {
     const std::size_t lat = std::hash<double>{}(point.latitude());
     return lat ^ (std::hash<double>{}(point.longitude()) + 0x9e3779b97f4a7c15ULL + (lat << 6) +
