@@ -13,6 +13,8 @@ namespace {
 struct TransportSettings {
   std::mutex mutex;  // guards retry
   std::optional<JovRetryPolicy> retry;
+  // Whether a policy is set: every exchange asks, and without a policy it takes no lock.
+  std::atomic<bool> hasRetry{false};
   std::atomic<std::size_t> maxAnswerSize{std::size_t{16} << 20};
   std::atomic<bool> traceSecrets{false};
 };
@@ -27,10 +29,12 @@ TransportSettings& settings() {
 
 void Jov::setRetryPolicy(std::optional<JovRetryPolicy> policy) {
   std::lock_guard lock(settings().mutex);
+  settings().hasRetry = policy.has_value();
   settings().retry = std::move(policy);
 }
 
 std::optional<JovRetryPolicy> Jov::retryPolicy() {
+  if (!settings().hasRetry) return std::nullopt;
   std::lock_guard lock(settings().mutex);
   return settings().retry;
 }
