@@ -22,6 +22,7 @@ namespace jov {
 class JovBucket;
 class JovGroup;
 class JovObject;
+class JovTopic;
 class JovUser;
 
 /// @brief Every user who has not logged in ("UserID:ANONYMOUS_USER").
@@ -88,17 +89,19 @@ class JovACLEntry {
   bool updated_ = false;
 };
 
-/// @brief The access control list of a bucket or an object: listed from the service, changed
-/// locally with putACLEntry / removeACLEntry, and saved entry by entry (PUT grants, DELETE
-/// revokes). Made by JovObject::objectACL() and JovBucket::bucketACL(); thread-safe.
+/// @brief The access control list of a bucket, an object or a topic: listed from the service,
+/// changed locally with putACLEntry / removeACLEntry, and saved entry by entry (PUT grants,
+/// DELETE revokes). Made by JovObject::objectACL(), JovBucket::bucketACL() and
+/// JovTopic::topicACL(); thread-safe.
 class JovACL : public std::enable_shared_from_this<JovACL> {
  public:
   /// @brief Lists are held by std::shared_ptr.
   using Ptr = std::shared_ptr<JovACL>;
   /// @brief Entries in list order.
   using Entries = std::vector<JovACLEntry::Ptr>;
-  /// @brief What a list belongs to: an object or a bucket; no other kind can be given.
-  using Parent = std::variant<std::shared_ptr<JovObject>, std::shared_ptr<JovBucket>>;
+  /// @brief What a list belongs to: an object, a bucket or a topic; no other kind can be given.
+  using Parent = std::variant<std::shared_ptr<JovObject>, std::shared_ptr<JovBucket>,
+                              std::shared_ptr<JovTopic>>;
   /// @brief Listing blocks receive the list, the entries, then the error.
   using ListBlock = JovBlock<Ptr, Entries>;
   /// @brief Saving blocks receive the list, the entries saved, those that failed, the error.

@@ -24,6 +24,7 @@ namespace jov {
 class Jov;
 class JovACL;
 class JovGroup;
+class JovPushSubscription;
 class JovUser;
 
 /// @brief One page of a listing that pages with a key.
@@ -168,12 +169,75 @@ class JovBucket : public std::enable_shared_from_this<JovBucket> {
   }
   /// @}
 
+  /// @name subscribe
+  /// @{
+
+  /// Subscribes the current user to changes of the bucket's objects (PUT
+  /// "BUCKET/filters/all/push/subscriptions/users/ID"); JovPushSubscription subscribes any
+  /// subscriber. Errors: 340 nobody logged in, 515 the bucket has no path (before any request);
+  /// 702 subscribed already; 510 the service knows no such bucket ("FILTER_NOT_FOUND"); and the
+  /// errors of every exchange. The block and delegate receive the bucket, then the error.
+  Result<void> subscribeSynchronous() {
+    return detail::runSync(subscribeCurrentUserRoutine(self()));
+  }
+  void subscribe(BucketBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), subscribeCurrentUserRoutine(self()), std::move(block), cancel);
+  }
+  void subscribe(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), subscribeCurrentUserRoutine(self()), std::move(callback), cancel);
+  }
+  std::future<Result<void>> subscribeAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(self(), subscribeCurrentUserRoutine(self()), cancel);
+  }
+  /// @}
+
+  /// @name unsubscribe
+  /// @{
+
+  /// Ends the current user's subscription (DELETE on the subscription's path). Errors: 340
+  /// nobody logged in, 515 no path (before any request); 703 not subscribed
+  /// ("PUSH_SUBSCRIPTION_NOT_FOUND"); and the errors of every exchange.
+  Result<void> unsubscribeSynchronous() {
+    return detail::runSync(unsubscribeCurrentUserRoutine(self()));
+  }
+  void unsubscribe(BucketBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), unsubscribeCurrentUserRoutine(self()), std::move(block), cancel);
+  }
+  void unsubscribe(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), unsubscribeCurrentUserRoutine(self()), std::move(callback),
+                        cancel);
+  }
+  std::future<Result<void>> unsubscribeAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(self(), unsubscribeCurrentUserRoutine(self()), cancel);
+  }
+  /// @}
+
+  /// @brief Whether the current user subscribes to the bucket (GET on the subscription's
+  /// path): any error means "not subscribed" and is handed over (the service answers 404
+  /// "PUSH_SUBSCRIPTION_NOT_FOUND" for a missing subscription).
+  Result<bool> isSubscribedSynchronous() {
+    return detail::runSync(isSubscribedCurrentUserRoutine(self()));
+  }
+  /// @brief Whether a subscriber ("users/ID") subscribes to the bucket.
+  Result<bool> isSubscribedSynchronousWithSubscriberPath(const std::string& subscriberPath) {
+    return detail::runSync(isSubscribedRoutine(self(), subscriberPath));
+  }
+
  protected:
   /// @brief This bucket, shared.
   Ptr self() { return shared_from_this(); }
 
  private:
+  friend class JovPushSubscription;
   detail::Routine<QueryPage> queryRoutine(JovQuery query);
+  // Subscriptions: the routines hold the bucket they work on (JovPushSubscription's forms have
+  // no entity of their own to keep it alive).
+  static detail::Routine<void> subscribeRoutine(Ptr bucket, std::string subscriberPath);
+  static detail::Routine<void> unsubscribeRoutine(Ptr bucket, std::string subscriberPath);
+  static detail::Routine<bool> isSubscribedRoutine(Ptr bucket, std::string subscriberPath);
+  static detail::Routine<void> subscribeCurrentUserRoutine(Ptr bucket);
+  static detail::Routine<void> unsubscribeCurrentUserRoutine(Ptr bucket);
+  static detail::Routine<bool> isSubscribedCurrentUserRoutine(Ptr bucket);
   detail::Routine<std::int64_t> countRoutine(JovQuery query);
   detail::Routine<void> deleteRoutine();
 

@@ -9,16 +9,19 @@
 #include <stdexcept>
 #include <string>
 #include <tuple>
+#include <type_traits>
 #include <vector>
 
 #include "jov/async.hpp"
 #include "jov/bucket.hpp"
 #include "jov/cancellation.hpp"
 #include "jov/detail/forms.hpp"
+#include "jov/push_message.hpp"
 #include "jov/result.hpp"
 
 namespace jov {
 
+class JovACL;
 class JovGroup;
 class JovPushSubscription;
 class JovUser;
@@ -133,6 +136,39 @@ class JovTopic : public std::enable_shared_from_this<JovTopic> {
   }
   /// @}
 
+  /// @name sendMessage
+  /// @{
+
+  /// Sends a message to the topic's subscribers (POST "TOPICPATH/push/messages", the body of
+  /// JovPushMessage::getMessageData, made on the caller's thread). Errors: 711 an invalid name,
+  /// 708 a message without any channel, 712 a GCM-reserved key, 706 data that is not an object
+  /// or a message made from a received payload (all before any request); 706 the service
+  /// refused the message (400); 203 (401); and the errors of every exchange (403 when the caller
+  /// may not send to the topic, 404 when it does not exist). The block and delegate receive the
+  /// topic, then the error.
+  Result<void> sendMessageSynchronous(const JovPushMessage& message) {
+    return detail::runSync(sendMessageRoutine(messageBody(message)));
+  }
+  void sendMessage(const JovPushMessage& message, TopicBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), sendMessageRoutine(messageBody(message)), std::move(block), cancel);
+  }
+  void sendMessage(const JovPushMessage& message, JovCallback callback,
+                   JovCancellation cancel = {}) {
+    detail::runCallback(self(), sendMessageRoutine(messageBody(message)), std::move(callback),
+                        cancel);
+  }
+  std::future<Result<void>> sendMessageAsync(const JovPushMessage& message,
+                                             JovCancellation cancel = {}) {
+    return detail::runFuture(self(), sendMessageRoutine(messageBody(message)), cancel);
+  }
+  /// @}
+
+  /// @brief The topic's access control list (actions 8 and 9: SUBSCRIBE_TO_TOPIC and
+  /// SEND_MESSAGE_TO_TOPIC), made anew on each call; see JovACL.
+  std::shared_ptr<JovACL> topicACL();
+  /// @brief The path of the topic's access control list (generatePath + "/acl").
+  std::optional<std::string> aclPath() const { return generatePath() + "/acl"; }
+
   /// @brief Whether the current user subscribes to the topic (see
   /// JovPushSubscription::checkSubscriptionSynchronous).
   Result<bool> isSubscribedSynchronous() {
@@ -196,6 +232,9 @@ class JovTopic : public std::enable_shared_from_this<JovTopic> {
   detail::Routine<void> saveRoutine();
   detail::Routine<void> deleteRoutine();
   detail::Routine<bool> existsRoutine();
+  // The request body of a message, or why it has none.
+  static Result<std::string> messageBody(const JovPushMessage& message);
+  detail::Routine<void> sendMessageRoutine(Result<std::string> body);
   // The subscription routines hold the topic they work on: the forms of JovPushSubscription
   // have no entity of their own to keep it alive.
   static detail::Routine<void> subscribeRoutine(Ptr topic, std::string subscriberPath);
@@ -214,7 +253,35 @@ class JovTopic : public std::enable_shared_from_this<JovTopic> {
   const std::shared_ptr<JovGroup> group_;
 };
 
-/// @brief The subscriber side of push: a user that subscribes to topics.
+/// @brief What a subscription is to: a topic, or a bucket (changes of its objects); empty when
+/// made from nullptr. Converts implicitly from a topic or bucket pointer.
+class JovSubscribable {
+ public:
+  /// @brief Nothing to subscribe to.
+  JovSubscribable(std::nullptr_t = nullptr) {}  // NOLINT(google-explicit-constructor)
+  /// @brief A topic, a bucket or an encrypted bucket.
+  template <class T>
+    requires std::is_convertible_v<T*, JovTopic*> || std::is_convertible_v<T*, JovBucket*>
+  JovSubscribable(std::shared_ptr<T> target) {  // NOLINT(google-explicit-constructor)
+    if constexpr (std::is_convertible_v<T*, JovTopic*>) {
+      topic_ = std::move(target);
+    } else {
+      bucket_ = std::move(target);
+    }
+  }
+  /// @brief The topic, or nullptr.
+  const std::shared_ptr<JovTopic>& topic() const { return topic_; }
+  /// @brief The bucket, or nullptr.
+  const std::shared_ptr<JovBucket>& bucket() const { return bucket_; }
+  /// @brief Whether there is a topic or a bucket.
+  explicit operator bool() const { return topic_ || bucket_; }
+
+ private:
+  std::shared_ptr<JovTopic> topic_;
+  std::shared_ptr<JovBucket> bucket_;
+};
+
+/// @brief The subscriber side of push: a user that subscribes to topics and to buckets.
 ///
 /// The instance forms subscribe the subscriber the instance was made for; the CurrentUser class
 /// forms subscribe whoever is logged in (340 when nobody is). Every form raises
@@ -224,8 +291,8 @@ class JovPushSubscription : public std::enable_shared_from_this<JovPushSubscript
  public:
   /// @brief Subscriptions are held by std::shared_ptr.
   using Ptr = std::shared_ptr<JovPushSubscription>;
-  /// @brief What can be subscribed to.
-  using Subscribable = std::shared_ptr<JovTopic>;
+  /// @brief What can be subscribed to: a topic, or a bucket (changes of its objects).
+  using Subscribable = JovSubscribable;
 
   /// @brief Lets the factory use std::make_shared; not usable outside the class.
   struct Key {
@@ -246,67 +313,72 @@ class JovPushSubscription : public std::enable_shared_from_this<JovPushSubscript
   /// @name subscribe
   /// @{
 
-  /// Subscribes to the topic (PUT "TOPICPATH/push/subscriptions/users/ID"). Errors: 711 an
-  /// invalid topic name (before any request); 702 subscribed already (409); 510 the topic or
-  /// the user does not exist (404); 509 (400); 203 (401); and the errors of every exchange. The
-  /// block and delegate receive the error.
-  Result<void> subscribeSynchronous(const Subscribable& topic) {
-    return detail::runSync(JovTopic::subscribeRoutine(checked(topic), path_));
+  /// Subscribes to a topic (PUT "TOPICPATH/push/subscriptions/users/ID") or to a bucket (PUT
+  /// "BUCKETPATH/filters/all/push/subscriptions/users/ID"). Errors of a topic: 711 an invalid
+  /// topic name (before any request); 702 subscribed already (409); 510 the topic or the user
+  /// does not exist (404); 509 (400); 203 (401). Errors of a bucket: 515 the bucket has no path
+  /// (before any request); 702 subscribed already ("PUSH_SUBSCRIPTION_ALREADY_EXISTS"); 510 no
+  /// such bucket ("FILTER_NOT_FOUND"). Both: the errors of every exchange. The block and
+  /// delegate receive the error.
+  Result<void> subscribeSynchronous(const Subscribable& subscribable) {
+    return detail::runSync(subscribeRoutine(checked(subscribable), path_));
   }
-  void subscribe(const Subscribable& topic, JovBlock<> block, JovCancellation cancel = {}) {
-    detail::runBlock(nullptr, JovTopic::subscribeRoutine(checked(topic), path_), std::move(block),
+  void subscribe(const Subscribable& subscribable, JovBlock<> block, JovCancellation cancel = {}) {
+    detail::runBlock(nullptr, subscribeRoutine(checked(subscribable), path_), std::move(block),
                      cancel);
   }
-  void subscribe(const Subscribable& topic, JovCallback callback, JovCancellation cancel = {}) {
-    detail::runCallback(nullptr, JovTopic::subscribeRoutine(checked(topic), path_),
+  void subscribe(const Subscribable& subscribable, JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(nullptr, subscribeRoutine(checked(subscribable), path_),
                         std::move(callback), cancel);
   }
-  std::future<Result<void>> subscribeAsync(const Subscribable& topic, JovCancellation cancel = {}) {
-    return detail::runFuture(nullptr, JovTopic::subscribeRoutine(checked(topic), path_), cancel);
+  std::future<Result<void>> subscribeAsync(const Subscribable& subscribable, JovCancellation cancel = {}) {
+    return detail::runFuture(nullptr, subscribeRoutine(checked(subscribable), path_), cancel);
   }
   /// @}
 
   /// @name unsubscribe
   /// @{
 
-  /// Unsubscribes from the topic (DELETE on the subscription's path). Errors: 711 an invalid
-  /// topic name (before any request); 703 not subscribed (409, as the service answers it); 510
-  /// (404); 509 (400); 203 (401); and the errors of every exchange.
-  Result<void> unsubscribeSynchronous(const Subscribable& topic) {
-    return detail::runSync(JovTopic::unsubscribeRoutine(checked(topic), path_));
+  /// Unsubscribes from the topic or bucket (DELETE on the subscription's path). Errors of a
+  /// topic: 711 an invalid topic name (before any request); 703 not subscribed (409, as the
+  /// service answers it); 510 (404); 509 (400); 203 (401). Errors of a bucket: 515 no path; 703
+  /// not subscribed ("PUSH_SUBSCRIPTION_NOT_FOUND"). Both: the errors of every exchange.
+  Result<void> unsubscribeSynchronous(const Subscribable& subscribable) {
+    return detail::runSync(unsubscribeRoutine(checked(subscribable), path_));
   }
-  void unsubscribe(const Subscribable& topic, JovBlock<> block, JovCancellation cancel = {}) {
-    detail::runBlock(nullptr, JovTopic::unsubscribeRoutine(checked(topic), path_), std::move(block),
+  void unsubscribe(const Subscribable& subscribable, JovBlock<> block, JovCancellation cancel = {}) {
+    detail::runBlock(nullptr, unsubscribeRoutine(checked(subscribable), path_), std::move(block),
                      cancel);
   }
-  void unsubscribe(const Subscribable& topic, JovCallback callback, JovCancellation cancel = {}) {
-    detail::runCallback(nullptr, JovTopic::unsubscribeRoutine(checked(topic), path_),
+  void unsubscribe(const Subscribable& subscribable, JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(nullptr, unsubscribeRoutine(checked(subscribable), path_),
                         std::move(callback), cancel);
   }
-  std::future<Result<void>> unsubscribeAsync(const Subscribable& topic,
+  std::future<Result<void>> unsubscribeAsync(const Subscribable& subscribable,
                                              JovCancellation cancel = {}) {
-    return detail::runFuture(nullptr, JovTopic::unsubscribeRoutine(checked(topic), path_), cancel);
+    return detail::runFuture(nullptr, unsubscribeRoutine(checked(subscribable), path_), cancel);
   }
   /// @}
 
   /// @name checkIsSubscribed
   /// @{
 
-  /// Whether the subscriber subscribes to the topic (GET on the subscription's path). A missing
-  /// subscription is an error, 510 with false; other errors: 711 an invalid topic name (before
-  /// any request); 509 (400); 203 (401); and the errors of every exchange. The block receives
-  /// the answer, then the error.
-  Result<bool> checkIsSubscribedSynchronous(const Subscribable& topic) {
-    return detail::runSync(JovTopic::isSubscribedRoutine(checked(topic), path_));
+  /// Whether the subscriber subscribes to the topic or bucket (GET on the subscription's path).
+  /// A missing subscription is an error with false: 510 for a topic, the service's 404 for a
+  /// bucket; other errors: 711 an invalid topic name, 515 a bucket without path (before any
+  /// request); 509 (400); 203 (401); and the errors of every exchange. The block receives the
+  /// answer, then the error.
+  Result<bool> checkIsSubscribedSynchronous(const Subscribable& subscribable) {
+    return detail::runSync(isSubscribedRoutine(checked(subscribable), path_));
   }
-  void checkIsSubscribed(const Subscribable& topic, JovBlock<bool> block,
+  void checkIsSubscribed(const Subscribable& subscribable, JovBlock<bool> block,
                          JovCancellation cancel = {}) {
-    detail::runBlock(nullptr, JovTopic::isSubscribedRoutine(checked(topic), path_),
+    detail::runBlock(nullptr, isSubscribedRoutine(checked(subscribable), path_),
                      std::move(block), cancel);
   }
-  std::future<Result<bool>> checkIsSubscribedAsync(const Subscribable& topic,
+  std::future<Result<bool>> checkIsSubscribedAsync(const Subscribable& subscribable,
                                                    JovCancellation cancel = {}) {
-    return detail::runFuture(nullptr, JovTopic::isSubscribedRoutine(checked(topic), path_), cancel);
+    return detail::runFuture(nullptr, isSubscribedRoutine(checked(subscribable), path_), cancel);
   }
   /// @}
 
@@ -315,52 +387,61 @@ class JovPushSubscription : public std::enable_shared_from_this<JovPushSubscript
 
   /// As subscribe, unsubscribe and checkIsSubscribed, for the current user: 340 when nobody is
   /// logged in. checkSubscription reports a missing topic as 501 instead of raising.
-  static Result<void> subscribeCurrentUserSynchronous(const Subscribable& topic) {
-    return detail::runSync(JovTopic::subscribeCurrentUserRoutine(checked(topic)));
+  static Result<void> subscribeCurrentUserSynchronous(const Subscribable& subscribable) {
+    return detail::runSync(subscribeRoutine(checked(subscribable), std::nullopt));
   }
-  static void subscribeCurrentUser(const Subscribable& topic, JovBlock<> block,
+  static void subscribeCurrentUser(const Subscribable& subscribable, JovBlock<> block,
                                    JovCancellation cancel = {}) {
-    detail::runBlock(nullptr, JovTopic::subscribeCurrentUserRoutine(checked(topic)),
+    detail::runBlock(nullptr, subscribeRoutine(checked(subscribable), std::nullopt),
                      std::move(block), cancel);
   }
-  static void subscribeCurrentUser(const Subscribable& topic, JovCallback callback,
+  static void subscribeCurrentUser(const Subscribable& subscribable, JovCallback callback,
                                    JovCancellation cancel = {}) {
-    detail::runCallback(nullptr, JovTopic::subscribeCurrentUserRoutine(checked(topic)),
+    detail::runCallback(nullptr, subscribeRoutine(checked(subscribable), std::nullopt),
                         std::move(callback), cancel);
   }
-  static Result<void> unsubscribeCurrentUserSynchronous(const Subscribable& topic) {
-    return detail::runSync(JovTopic::unsubscribeCurrentUserRoutine(checked(topic)));
+  static Result<void> unsubscribeCurrentUserSynchronous(const Subscribable& subscribable) {
+    return detail::runSync(unsubscribeRoutine(checked(subscribable), std::nullopt));
   }
-  static void unsubscribeCurrentUser(const Subscribable& topic, JovBlock<> block,
+  static void unsubscribeCurrentUser(const Subscribable& subscribable, JovBlock<> block,
                                      JovCancellation cancel = {}) {
-    detail::runBlock(nullptr, JovTopic::unsubscribeCurrentUserRoutine(checked(topic)),
+    detail::runBlock(nullptr, unsubscribeRoutine(checked(subscribable), std::nullopt),
                      std::move(block), cancel);
   }
-  static void unsubscribeCurrentUser(const Subscribable& topic, JovCallback callback,
+  static void unsubscribeCurrentUser(const Subscribable& subscribable, JovCallback callback,
                                      JovCancellation cancel = {}) {
-    detail::runCallback(nullptr, JovTopic::unsubscribeCurrentUserRoutine(checked(topic)),
+    detail::runCallback(nullptr, unsubscribeRoutine(checked(subscribable), std::nullopt),
                         std::move(callback), cancel);
   }
-  static Result<bool> checkSubscriptionSynchronous(const Subscribable& topic) {
-    return detail::runSync(checkSubscriptionRoutine(topic));
+  static Result<bool> checkSubscriptionSynchronous(const Subscribable& subscribable) {
+    return detail::runSync(checkSubscriptionRoutine(subscribable));
   }
-  static void checkSubscription(const Subscribable& topic, JovBlock<bool> block,
+  static void checkSubscription(const Subscribable& subscribable, JovBlock<bool> block,
                                 JovCancellation cancel = {}) {
-    detail::runBlock(nullptr, checkSubscriptionRoutine(topic), std::move(block), cancel);
+    detail::runBlock(nullptr, checkSubscriptionRoutine(subscribable), std::move(block), cancel);
   }
-  static void checkSubscription(const Subscribable& topic, JovCallback callback,
+  static void checkSubscription(const Subscribable& subscribable, JovCallback callback,
                                 JovCancellation cancel = {}) {
-    detail::runCallback(nullptr, checkSubscriptionRoutine(topic), std::move(callback), cancel);
+    detail::runCallback(nullptr, checkSubscriptionRoutine(subscribable), std::move(callback), cancel);
   }
   /// @}
 
  private:
-  // The topic, or std::invalid_argument "Subscribable can not be nil" on the caller's thread.
-  static const Subscribable& checked(const Subscribable& topic) {
-    if (!topic) throw std::invalid_argument("Subscribable can not be nil");
-    return topic;
+  // The subscribable, or std::invalid_argument "Subscribable can not be nil" on the caller's
+  // thread.
+  static const Subscribable& checked(const Subscribable& subscribable) {
+    if (!subscribable) throw std::invalid_argument("Subscribable can not be nil");
+    return subscribable;
   }
-  static detail::Routine<bool> checkSubscriptionRoutine(Subscribable topic);
+  // The routines of the topic or the bucket, for the subscriber at the path or, with none, for
+  // the current user.
+  static detail::Routine<void> subscribeRoutine(const Subscribable& subscribable,
+                                                std::optional<std::string> subscriberPath);
+  static detail::Routine<void> unsubscribeRoutine(const Subscribable& subscribable,
+                                                  std::optional<std::string> subscriberPath);
+  static detail::Routine<bool> isSubscribedRoutine(const Subscribable& subscribable,
+                                                   std::optional<std::string> subscriberPath);
+  static detail::Routine<bool> checkSubscriptionRoutine(Subscribable subscribable);
 
   const std::string path_;
 };

@@ -63,6 +63,10 @@ Routine<JovResponse> send(const Exchange& exchange, SendArgs args) {
   // No body unless the exchange has one: a GET with the default empty object would send "{}".
   request.postData = std::move(args.json_);
   request.plainText = std::move(args.text_);
+  if (args.raw_) {
+    request.postData.reset();
+    request.fileData = std::move(args.raw_);
+  }
   request.customHeaders = std::move(args.headers_);
   request.keepAllResponseHeaders = args.keepAllHeaders_;
   JovResponse response = co_await execute(request, std::move(args.etag_));

@@ -101,6 +101,11 @@ class SendArgs {
     text_ = std::move(body);
     return std::move(*this);
   }
+  /// A body sent byte for byte, whatever the method (JSON whose key order matters, say).
+  SendArgs&& raw(std::string body) && {
+    raw_ = std::move(body);
+    return std::move(*this);
+  }
   /// Sent as "If-Match" when not empty.
   SendArgs&& etag(std::string tag) && {
     etag_ = std::move(tag);
@@ -128,6 +133,7 @@ class SendArgs {
   std::vector<std::string> path;  ///< fills the path's "{}" in order
   std::optional<nlohmann::json> json_;
   std::optional<std::string> text_;
+  std::optional<std::string> raw_;
   std::string etag_;
   JovHeaders headers_;
   std::optional<std::string> query_;

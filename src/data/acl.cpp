@@ -10,6 +10,7 @@
 #include "jov/bucket.hpp"
 #include "jov/group.hpp"
 #include "jov/object.hpp"
+#include "jov/topic.hpp"
 #include "jov/user.hpp"
 
 namespace jov {
@@ -145,6 +146,11 @@ std::shared_ptr<JovACL> JovObject::objectACL() {
     acl_ = acl;
   }
   return acl;
+}
+
+// A topic's list is made anew on each call: a topic keeps no state of its own.
+std::shared_ptr<JovACL> JovTopic::topicACL() {
+  return std::make_shared<JovACL>(JovACL::Parent(self()));
 }
 
 std::shared_ptr<JovACL> JovBucket::bucketACL() {

@@ -7,6 +7,7 @@
 #include "jov/group.hpp"
 #include "jov/topic.hpp"
 #include "jov/user.hpp"
+#include "push/subscriber.hpp"
 
 namespace jov {
 
@@ -56,6 +57,10 @@ constexpr detail::ErrorRule kCheckErrors[] = {
     onStatus(400, JovError::codeInvalidContainer()),
     onStatus(401, JovError::codeUnauthorizedRequest()),
 };
+constexpr detail::ErrorRule kSendErrors[] = {
+    onStatus(400, JovError::codeInvalidPushMessageData()),
+    onStatus(401, JovError::codeUnauthorizedRequest()),
+};
 constexpr detail::ErrorRule kListErrors[] = {
     onStatus(400, JovError::codeInvalidRequestData()),
     onStatus(401, JovError::codeUnauthorizedRequest()),
@@ -70,14 +75,12 @@ constexpr Exchange kSubscribe{
 constexpr Exchange kUnsubscribe{
     JovMethodDelete, "{+}/push/subscriptions/{+}", {.errors = kUnsubscribeErrors}};
 constexpr Exchange kCheck{JovMethodGet, "{+}/push/subscriptions/{+}", {.errors = kCheckErrors}};
+constexpr Exchange kSendMessage{
+    JovMethodPost,
+    "{+}/push/messages",
+    {.contentType = "application/vnd.jov.SendPushMessageRequest+json", .errors = kSendErrors}};
 constexpr Exchange kList{JovMethodGet, "{+}", {.errors = kListErrors}};
 
-// "users/ID" of the current user; nothing when nobody is logged in.
-std::optional<std::string> currentSubscriberPath() {
-  auto user = Jov::currentUser();
-  if (!user || user->userID().empty()) return std::nullopt;
-  return "users/" + urlEncode(user->userID());
-}
 
 // The list path of an owner: "/users/ID/topics", "/groups/ID/topics" or "/topics"; empty for an
 // owner without ID.
@@ -146,6 +149,20 @@ Routine<bool> JovTopic::existsRoutine() {
   co_return answer->status == 204;
 }
 
+Result<std::string> JovTopic::messageBody(const JovPushMessage& message) {
+  // A received message has no body of its own to send.
+  if (message.isIncomingMessage()) return JovError(JovError::codeInvalidPushMessageData());
+  return message.getMessageData().transform(
+      [](const nlohmann::ordered_json& body) { return body.dump(); });
+}
+
+Routine<void> JovTopic::sendMessageRoutine(Result<std::string> body) {
+  if (auto invalid = validateFields()) co_return *invalid;
+  if (!body) co_return body.error();
+  co_return (co_await send(kSendMessage, args(generatePath()).raw(std::move(*body))))
+      .transform([](auto&&) {});
+}
+
 Routine<void> JovTopic::subscribeRoutine(Ptr topic, std::string subscriberPath) {
   if (auto invalid = topic->validateFields()) co_return *invalid;
   co_return (co_await send(kSubscribe, args(topic->generatePath(), subscriberPath)))
@@ -167,26 +184,61 @@ Routine<bool> JovTopic::isSubscribedRoutine(Ptr topic, std::string subscriberPat
 }
 
 Routine<void> JovTopic::subscribeCurrentUserRoutine(Ptr topic) {
-  std::optional<std::string> path = currentSubscriberPath();
+  std::optional<std::string> path = detail::currentSubscriberPath();
   JOV_CO_REQUIRE(path, JovError::codeLoginRequired());
   co_return co_await subscribeRoutine(std::move(topic), *path);
 }
 
 Routine<void> JovTopic::unsubscribeCurrentUserRoutine(Ptr topic) {
-  std::optional<std::string> path = currentSubscriberPath();
+  std::optional<std::string> path = detail::currentSubscriberPath();
   JOV_CO_REQUIRE(path, JovError::codeLoginRequired());
   co_return co_await unsubscribeRoutine(std::move(topic), *path);
 }
 
 Routine<bool> JovTopic::isSubscribedCurrentUserRoutine(Ptr topic) {
-  std::optional<std::string> path = currentSubscriberPath();
+  std::optional<std::string> path = detail::currentSubscriberPath();
   JOV_CO_REQUIRE(path, JovError::codeLoginRequired());
   co_return co_await isSubscribedRoutine(std::move(topic), *path);
 }
 
-Routine<bool> JovPushSubscription::checkSubscriptionRoutine(Subscribable topic) {
-  JOV_CO_REQUIRE(topic, JovError::codeInvalidObjects());
-  co_return co_await JovTopic::isSubscribedCurrentUserRoutine(std::move(topic));
+Routine<bool> JovPushSubscription::checkSubscriptionRoutine(Subscribable subscribable) {
+  JOV_CO_REQUIRE(subscribable, JovError::codeInvalidObjects());
+  co_return co_await isSubscribedRoutine(subscribable, std::nullopt);
+}
+
+// The forms of a subscription choose the topic's or the bucket's routine; no path means the
+// current user.
+Routine<void> JovPushSubscription::subscribeRoutine(const Subscribable& subscribable,
+                                                    std::optional<std::string> path) {
+  if (const auto& topic = subscribable.topic()) {
+    return path ? JovTopic::subscribeRoutine(topic, std::move(*path))
+                : JovTopic::subscribeCurrentUserRoutine(topic);
+  }
+  const auto& bucket = subscribable.bucket();
+  return path ? JovBucket::subscribeRoutine(bucket, std::move(*path))
+              : JovBucket::subscribeCurrentUserRoutine(bucket);
+}
+
+Routine<void> JovPushSubscription::unsubscribeRoutine(const Subscribable& subscribable,
+                                                      std::optional<std::string> path) {
+  if (const auto& topic = subscribable.topic()) {
+    return path ? JovTopic::unsubscribeRoutine(topic, std::move(*path))
+                : JovTopic::unsubscribeCurrentUserRoutine(topic);
+  }
+  const auto& bucket = subscribable.bucket();
+  return path ? JovBucket::unsubscribeRoutine(bucket, std::move(*path))
+              : JovBucket::unsubscribeCurrentUserRoutine(bucket);
+}
+
+Routine<bool> JovPushSubscription::isSubscribedRoutine(const Subscribable& subscribable,
+                                                       std::optional<std::string> path) {
+  if (const auto& topic = subscribable.topic()) {
+    return path ? JovTopic::isSubscribedRoutine(topic, std::move(*path))
+                : JovTopic::isSubscribedCurrentUserRoutine(topic);
+  }
+  const auto& bucket = subscribable.bucket();
+  return path ? JovBucket::isSubscribedRoutine(bucket, std::move(*path))
+              : JovBucket::isSubscribedCurrentUserRoutine(bucket);
 }
 
 Routine<JovTopic::Page> JovTopic::listRoutine(std::shared_ptr<JovUser> user,
