@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "api_error.hpp"
 #include "group_store.hpp"
 
 namespace jovemu {
@@ -105,20 +106,39 @@ bool revokeEntry(Connection& conn, std::int64_t bucketKey, const std::string& ob
   return conn.changes() > 0;
 }
 
+nlohmann::json aclJson(const std::vector<AclEntry>& entries) {
+  nlohmann::json out = nlohmann::json::object();
+  for (const auto& entry : entries) {
+    const auto colon = entry.subject.find(':');
+    const std::string kind = entry.subject.substr(0, colon);
+    const char* key = kind == "GroupID" ? "groupID" : kind == "ThingID" ? "thingID" : "userID";
+    out[entry.action].push_back(nlohmann::json::object({{key, entry.subject.substr(colon + 1)}}));
+  }
+  return out;
+}
+
 nlohmann::json listEntries(Connection& conn, std::int64_t bucketKey, const std::string& objectID) {
   auto stmt = conn.prepare(
       "SELECT action, subject FROM acl_entries WHERE bucket_key = ?1 AND object_id = ?2 "
       "ORDER BY action, subject");
   stmt.bind(1, bucketKey).bind(2, objectID);
-  nlohmann::json out = nlohmann::json::object();
-  while (stmt.step()) {
-    std::string subject = stmt.textOr(1);
-    auto colon = subject.find(':');
-    std::string kind = subject.substr(0, colon);
-    std::string key = kind == "GroupID" ? "groupID" : kind == "ThingID" ? "thingID" : "userID";
-    out[stmt.textOr(0)].push_back(nlohmann::json::object({{key, subject.substr(colon + 1)}}));
+  std::vector<AclEntry> entries;
+  while (stmt.step()) entries.push_back({stmt.textOr(0), stmt.textOr(1)});
+  return aclJson(entries);
+}
+
+void requireSubject(Connection& conn, const std::string& appID, const std::string& subject) {
+  auto colon = subject.find(':');
+  std::string kind = subject.substr(0, colon);
+  std::string id = colon == std::string::npos ? "" : subject.substr(colon + 1);
+  if (id.empty() || (kind != "UserID" && kind != "GroupID" && kind != "ThingID")) {
+    throw invalidInput("The subject must be UserID:<id>, GroupID:<id> or ThingID:<id>");
   }
-  return out;
+  if (kind == "UserID" && subject != kAnonymousSubject && subject != kAuthenticatedSubject &&
+      !findUser(conn, appID, id)) {
+    throw userNotFound();
+  }
+  if (kind == "GroupID" && !findGroup(conn, appID, id)) throw groupNotFound();
 }
 
 std::vector<AclEntry> defaultBucketEntries(const BucketScope& scope,

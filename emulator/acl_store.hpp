@@ -72,7 +72,12 @@ void grantEntry(Connection& conn, std::int64_t bucketKey, const std::string& obj
 /// @brief Removes an entry; false when there was none.
 bool revokeEntry(Connection& conn, std::int64_t bucketKey, const std::string& objectID,
                  const std::string& action, const std::string& subject);
-/// @brief {"ACTION": [{"userID"|"groupID"|"thingID": id}, ...], ...} for the actions in use.
+/// @brief {"ACTION": [{"userID"|"groupID"|"thingID": id}, ...], ...} of the entries.
+nlohmann::json aclJson(const std::vector<AclEntry>& entries);
+/// @brief 400 unless the subject is "UserID:x", "GroupID:x" or "ThingID:x"; 404 for a user or
+/// group that does not exist (the two special users always do; things are kept as given).
+void requireSubject(Connection& conn, const std::string& appID, const std::string& subject);
+/// @brief aclJson of a bucket's (objectID empty) or an object's entries.
 nlohmann::json listEntries(Connection& conn, std::int64_t bucketKey, const std::string& objectID);
 
 std::vector<AclEntry> defaultBucketEntries(const BucketScope& scope,

@@ -119,9 +119,12 @@ void dropBucket(Connection& conn, const BucketRow& bucket) {
   std::string sql = "DROP TABLE IF EXISTS " + bucket.table();
   conn.exec(sql.c_str());
   dropBucketEntries(conn, bucket.key);
-  auto stmt = conn.prepare("DELETE FROM buckets WHERE bucket_key = ?1");
-  stmt.bind(1, bucket.key);
-  stmt.run();
+  for (const char* statement : {"DELETE FROM push_bucket_subscriptions WHERE bucket_key = ?1",
+                                "DELETE FROM buckets WHERE bucket_key = ?1"}) {
+    auto stmt = conn.prepare(statement);
+    stmt.bind(1, bucket.key);
+    stmt.run();
+  }
 }
 
 void dropScopeBuckets(Connection& conn, const std::string& appID, ScopeKind kind,

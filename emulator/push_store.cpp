@@ -2,6 +2,16 @@
 
 namespace jovemu {
 
+namespace {
+
+// Binds a topic's key to ?1 (application) to ?4 (name) of a statement.
+Statement& bindTopic(Statement& stmt, const std::string& appID, const TopicKey& key) {
+  return stmt.bind(1, appID).bind(2, scopeWord(key.scope.kind)).bind(3, key.scope.ownerID)
+      .bind(4, key.name);
+}
+
+}  // namespace
+
 std::optional<InstallationRow> findInstallation(Connection& conn, const std::string& appID,
                                                 const std::string& deviceType,
                                                 const std::string& token) {
@@ -36,8 +46,7 @@ std::optional<TopicRow> findTopic(Connection& conn, const std::string& appID, co
   auto stmt = conn.prepare(
       "SELECT creator, created FROM push_topics "
       "WHERE app_id = ?1 AND scope = ?2 AND owner = ?3 AND name = ?4");
-  stmt.bind(1, appID).bind(2, scopeWord(key.scope.kind)).bind(3, key.scope.ownerID);
-  stmt.bind(4, key.name);
+  bindTopic(stmt, appID, key);
   if (!stmt.step()) return std::nullopt;
   return TopicRow{key, stmt.textOr(0), stmt.integer(1)};
 }
@@ -52,11 +61,10 @@ void insertTopic(Connection& conn, const std::string& appID, const TopicRow& top
 }
 
 void deleteTopic(Connection& conn, const std::string& appID, const TopicKey& key) {
-  for (const char* table : {"push_subscriptions", "push_topics"}) {
+  for (const char* table : {"push_subscriptions", "push_topic_acl", "push_topics"}) {
     auto stmt = conn.prepare(std::string("DELETE FROM ") + table +
                              " WHERE app_id = ?1 AND scope = ?2 AND owner = ?3 AND name = ?4");
-    stmt.bind(1, appID).bind(2, scopeWord(key.scope.kind)).bind(3, key.scope.ownerID);
-    stmt.bind(4, key.name);
+    bindTopic(stmt, appID, key);
     stmt.run();
   }
 }
@@ -79,8 +87,7 @@ bool hasSubscription(Connection& conn, const std::string& appID, const TopicKey&
   auto stmt = conn.prepare(
       "SELECT 1 FROM push_subscriptions WHERE app_id = ?1 AND scope = ?2 AND owner = ?3 "
       "AND name = ?4 AND subscriber = ?5");
-  stmt.bind(1, appID).bind(2, scopeWord(key.scope.kind)).bind(3, key.scope.ownerID);
-  stmt.bind(4, key.name).bind(5, subscriber);
+  bindTopic(stmt, appID, key).bind(5, subscriber);
   return stmt.step();
 }
 
@@ -89,8 +96,7 @@ void insertSubscription(Connection& conn, const std::string& appID, const TopicK
   auto stmt = conn.prepare(
       "INSERT INTO push_subscriptions (app_id, scope, owner, name, subscriber, created) "
       "VALUES (?1, ?2, ?3, ?4, ?5, ?6)");
-  stmt.bind(1, appID).bind(2, scopeWord(key.scope.kind)).bind(3, key.scope.ownerID);
-  stmt.bind(4, key.name).bind(5, subscriber).bind(6, nowMs);
+  bindTopic(stmt, appID, key).bind(5, subscriber).bind(6, nowMs);
   stmt.run();
 }
 
@@ -99,8 +105,142 @@ void deleteSubscription(Connection& conn, const std::string& appID, const TopicK
   auto stmt = conn.prepare(
       "DELETE FROM push_subscriptions WHERE app_id = ?1 AND scope = ?2 AND owner = ?3 "
       "AND name = ?4 AND subscriber = ?5");
-  stmt.bind(1, appID).bind(2, scopeWord(key.scope.kind)).bind(3, key.scope.ownerID);
-  stmt.bind(4, key.name).bind(5, subscriber);
+  bindTopic(stmt, appID, key).bind(5, subscriber);
+  stmt.run();
+}
+
+std::vector<std::string> topicSubscribers(Connection& conn, const std::string& appID,
+                                          const TopicKey& key) {
+  auto stmt = conn.prepare(
+      "SELECT subscriber FROM push_subscriptions WHERE app_id = ?1 AND scope = ?2 AND owner = ?3 "
+      "AND name = ?4 ORDER BY created, subscriber");
+  bindTopic(stmt, appID, key);
+  std::vector<std::string> subscribers;
+  while (stmt.step()) subscribers.push_back(stmt.textOr(0));
+  return subscribers;
+}
+
+std::vector<AclEntry> topicEntries(Connection& conn, const std::string& appID,
+                                   const TopicKey& key) {
+  auto stmt = conn.prepare(
+      "SELECT action, subject FROM push_topic_acl WHERE app_id = ?1 AND scope = ?2 "
+      "AND owner = ?3 AND name = ?4 ORDER BY action, subject");
+  bindTopic(stmt, appID, key);
+  std::vector<AclEntry> entries;
+  while (stmt.step()) entries.push_back({stmt.textOr(0), stmt.textOr(1)});
+  return entries;
+}
+
+void grantTopicEntry(Connection& conn, const std::string& appID, const TopicKey& key,
+                     const AclEntry& entry) {
+  auto stmt = conn.prepare(
+      "INSERT OR IGNORE INTO push_topic_acl (app_id, scope, owner, name, action, subject) "
+      "VALUES (?1, ?2, ?3, ?4, ?5, ?6)");
+  bindTopic(stmt, appID, key).bind(5, entry.action).bind(6, entry.subject);
+  stmt.run();
+}
+
+bool revokeTopicEntry(Connection& conn, const std::string& appID, const TopicKey& key,
+                      const AclEntry& entry) {
+  if (!hasTopicEntry(conn, appID, key, entry)) return false;
+  auto stmt = conn.prepare(
+      "DELETE FROM push_topic_acl WHERE app_id = ?1 AND scope = ?2 AND owner = ?3 AND name = ?4 "
+      "AND action = ?5 AND subject = ?6");
+  bindTopic(stmt, appID, key).bind(5, entry.action).bind(6, entry.subject);
+  stmt.run();
+  return true;
+}
+
+bool hasTopicEntry(Connection& conn, const std::string& appID, const TopicKey& key,
+                   const AclEntry& entry) {
+  auto stmt = conn.prepare(
+      "SELECT 1 FROM push_topic_acl WHERE app_id = ?1 AND scope = ?2 AND owner = ?3 "
+      "AND name = ?4 AND action = ?5 AND subject = ?6");
+  bindTopic(stmt, appID, key).bind(5, entry.action).bind(6, entry.subject);
+  return stmt.step();
+}
+
+std::vector<InstallationRow> userInstallations(Connection& conn, const std::string& appID,
+                                               const std::string& userID) {
+  auto stmt = conn.prepare(
+      "SELECT installation_id, device_type, token, user_id, development, created "
+      "FROM push_installations WHERE app_id = ?1 AND user_id = ?2 ORDER BY created, token");
+  stmt.bind(1, appID).bind(2, userID);
+  std::vector<InstallationRow> rows;
+  while (stmt.step()) {
+    rows.push_back({stmt.textOr(0), stmt.textOr(1), stmt.textOr(2), stmt.textOr(3),
+                    stmt.integer(4) != 0, stmt.integer(5)});
+  }
+  return rows;
+}
+
+bool hasBucketSubscription(Connection& conn, std::int64_t bucketKey,
+                           const std::string& subscriber) {
+  auto stmt = conn.prepare(
+      "SELECT 1 FROM push_bucket_subscriptions WHERE bucket_key = ?1 AND subscriber = ?2");
+  stmt.bind(1, bucketKey).bind(2, subscriber);
+  return stmt.step();
+}
+
+void insertBucketSubscription(Connection& conn, std::int64_t bucketKey,
+                              const std::string& subscriber, std::int64_t nowMs) {
+  auto stmt = conn.prepare(
+      "INSERT INTO push_bucket_subscriptions (bucket_key, subscriber, created) "
+      "VALUES (?1, ?2, ?3)");
+  stmt.bind(1, bucketKey).bind(2, subscriber).bind(3, nowMs);
+  stmt.run();
+}
+
+void deleteBucketSubscription(Connection& conn, std::int64_t bucketKey,
+                              const std::string& subscriber) {
+  auto stmt = conn.prepare(
+      "DELETE FROM push_bucket_subscriptions WHERE bucket_key = ?1 AND subscriber = ?2");
+  stmt.bind(1, bucketKey).bind(2, subscriber);
+  stmt.run();
+}
+
+std::vector<std::string> bucketSubscribers(Connection& conn, std::int64_t bucketKey) {
+  auto stmt = conn.prepare(
+      "SELECT subscriber FROM push_bucket_subscriptions WHERE bucket_key = ?1 "
+      "ORDER BY created, subscriber");
+  stmt.bind(1, bucketKey);
+  std::vector<std::string> subscribers;
+  while (stmt.step()) subscribers.push_back(stmt.textOr(0));
+  return subscribers;
+}
+
+void insertDelivery(Connection& conn, const std::string& appID, const Delivery& delivery) {
+  auto stmt = conn.prepare(
+      "INSERT INTO push_deliveries "
+      "(app_id, kind, user_id, installation_id, device_type, channel, payload, created) "
+      "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)");
+  stmt.bind(1, appID).bind(2, delivery.kind).bind(3, delivery.userID);
+  stmt.bind(4, delivery.installationID).bind(5, delivery.deviceType).bind(6, delivery.channel);
+  stmt.bind(7, delivery.payload.dump()).bind(8, delivery.created);
+  stmt.run();
+}
+
+nlohmann::json pushOutbox(Connection& conn, const std::string& appID) {
+  auto stmt = conn.prepare(
+      "SELECT kind, user_id, installation_id, device_type, channel, payload, created "
+      "FROM push_deliveries WHERE app_id = ?1 ORDER BY seq");
+  stmt.bind(1, appID);
+  auto deliveries = nlohmann::json::array();
+  while (stmt.step()) {
+    deliveries.push_back({{"kind", stmt.textOr(0)},
+                          {"userID", stmt.textOr(1)},
+                          {"installationID", stmt.textOr(2)},
+                          {"deviceType", stmt.textOr(3)},
+                          {"channel", stmt.textOr(4)},
+                          {"payload", nlohmann::json::parse(stmt.textOr(5))},
+                          {"createdAt", stmt.integer(6)}});
+  }
+  return {{"deliveries", std::move(deliveries)}};
+}
+
+void clearPushOutbox(Connection& conn, const std::string& appID) {
+  auto stmt = conn.prepare("DELETE FROM push_deliveries WHERE app_id = ?1");
+  stmt.bind(1, appID);
   stmt.run();
 }
 

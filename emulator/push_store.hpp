@@ -1,5 +1,6 @@
 // Push: device installations per user and token, topics in the application, user and group
-// scopes, and the subscriptions of users to topics.
+// scopes with their access control lists, the subscriptions of users to topics and to buckets,
+// and the deliveries a message or a change of a subscribed bucket makes (the push outbox).
 #pragma once
 
 #include <cstdint>
@@ -7,6 +8,9 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
+#include "acl_store.hpp"
 #include "database.hpp"
 #include "object_store.hpp"
 
@@ -58,5 +62,50 @@ void insertSubscription(Connection& conn, const std::string& appID, const TopicK
                         const std::string& subscriber, std::int64_t nowMs);
 void deleteSubscription(Connection& conn, const std::string& appID, const TopicKey& key,
                         const std::string& subscriber);
+
+/// @brief The subscribers ("users/ID") of a topic, oldest first.
+std::vector<std::string> topicSubscribers(Connection& conn, const std::string& appID,
+                                          const TopicKey& key);
+
+/// @brief The entries of a topic's access control list.
+std::vector<AclEntry> topicEntries(Connection& conn, const std::string& appID,
+                                   const TopicKey& key);
+/// @brief Adds an entry; granting what is granted changes nothing.
+void grantTopicEntry(Connection& conn, const std::string& appID, const TopicKey& key,
+                     const AclEntry& entry);
+/// @brief Removes an entry; false when there was none.
+bool revokeTopicEntry(Connection& conn, const std::string& appID, const TopicKey& key,
+                      const AclEntry& entry);
+bool hasTopicEntry(Connection& conn, const std::string& appID, const TopicKey& key,
+                   const AclEntry& entry);
+
+/// @brief Every installation of a user, oldest first.
+std::vector<InstallationRow> userInstallations(Connection& conn, const std::string& appID,
+                                               const std::string& userID);
+
+/// @brief Subscriptions ("users/ID") to the changes of a bucket's objects.
+bool hasBucketSubscription(Connection& conn, std::int64_t bucketKey,
+                           const std::string& subscriber);
+void insertBucketSubscription(Connection& conn, std::int64_t bucketKey,
+                              const std::string& subscriber, std::int64_t nowMs);
+void deleteBucketSubscription(Connection& conn, std::int64_t bucketKey,
+                              const std::string& subscriber);
+std::vector<std::string> bucketSubscribers(Connection& conn, std::int64_t bucketKey);
+
+/// @brief One push as a channel would carry it to one installation.
+struct Delivery {
+  std::string kind;  ///< "TOPIC_MESSAGE" or "BUCKET_EVENT"
+  std::string userID;
+  std::string installationID;
+  std::string deviceType;
+  std::string channel;  ///< "APNS", "GCM" or "MQTT"
+  nlohmann::json payload;
+  std::int64_t created = 0;
+};
+void insertDelivery(Connection& conn, const std::string& appID, const Delivery& delivery);
+/// @brief {"deliveries": [{"kind", "userID", "installationID", "deviceType", "channel",
+/// "payload", "createdAt"}...]}, oldest first.
+nlohmann::json pushOutbox(Connection& conn, const std::string& appID);
+void clearPushOutbox(Connection& conn, const std::string& appID);
 
 }  // namespace jovemu

@@ -33,22 +33,6 @@ AclTarget openTarget(const Service& service, const Call& call, Connection& conn,
   return {bucket, objectID, context.requester};
 }
 
-// "UserID:x", "GroupID:x", "ThingID:x"; users and groups must exist, the two special users
-// always do, things are kept as given.
-void requireSubject(Connection& conn, const std::string& appID, const std::string& subject) {
-  auto colon = subject.find(':');
-  std::string kind = subject.substr(0, colon);
-  std::string id = colon == std::string::npos ? "" : subject.substr(colon + 1);
-  if (id.empty() || (kind != "UserID" && kind != "GroupID" && kind != "ThingID")) {
-    throw invalidInput("The subject must be UserID:<id>, GroupID:<id> or ThingID:<id>");
-  }
-  if (kind == "UserID" && subject != kAnonymousSubject && subject != kAuthenticatedSubject &&
-      !findUser(conn, appID, id)) {
-    throw userNotFound();
-  }
-  if (kind == "GroupID" && !findGroup(conn, appID, id)) throw groupNotFound();
-}
-
 void requireAction(const std::string& action, bool onObject) {
   auto bucketAction = isBucketAction(action);
   if (!bucketAction || *bucketAction == onObject) {

@@ -3,6 +3,7 @@
 // application key.
 #include "api_error.hpp"
 #include "outbox_store.hpp"
+#include "push_store.hpp"
 #include "service.hpp"
 #include "store_dump.hpp"
 #include "validation.hpp"
@@ -53,6 +54,20 @@ void addEmulatorRoutes(Router& router, Service& service) {
   router.add("DELETE", "/emulator/apps/{}/outbox", [&service](Call& call) {
     requireKnownApp(service, call.param(0));
     service.db.transaction([&](Connection& conn) { clearOutbox(conn, call.param(0)); });
+    call.replyNoContent();
+  });
+
+  // Every push the application's subscribers would have received, as each channel carries it.
+  router.add("GET", "/emulator/apps/{}/push/outbox", [&service](Call& call) {
+    requireKnownApp(service, call.param(0));
+    auto deliveries =
+        service.db.transaction([&](Connection& conn) { return pushOutbox(conn, call.param(0)); });
+    call.reply(200, deliveries);
+  });
+
+  router.add("DELETE", "/emulator/apps/{}/push/outbox", [&service](Call& call) {
+    requireKnownApp(service, call.param(0));
+    service.db.transaction([&](Connection& conn) { clearPushOutbox(conn, call.param(0)); });
     call.replyNoContent();
   });
 

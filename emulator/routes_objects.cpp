@@ -7,6 +7,7 @@
 #include "api_error.hpp"
 #include "bucket_access.hpp"
 #include "crypto.hpp"
+#include "push_delivery.hpp"
 
 namespace jovemu {
 
@@ -154,6 +155,12 @@ nlohmann::json creationRecord(const ObjectRow& object, const ObjectMediaType& me
   return out;
 }
 
+// The user behind a change, for the news of it.
+std::optional<std::string> senderOf(const BucketContext& context) {
+  if (!context.requester.user) return std::nullopt;
+  return context.requester.user->userID;
+}
+
 bool mayRead(Connection& conn, const BucketRow& bucket, const std::string& id,
              const Requester& requester) {
   return isAllowed(conn, bucket.key, kBucketTarget, kReadObjects, requester) ||
@@ -171,6 +178,7 @@ void createObject(Service& service, Call& call, const std::string& appID,
     std::string id = randomHex(12);
     while (findObject(conn, bucket, id)) id = randomHex(12);
     auto object = insertNewObject(conn, bucket, context, id, std::move(fields), media.type);
+    deliverBucketEvent(conn, bucket, object.id, kObjectCreated, senderOf(context), object.modified);
     return ObjectReply{201, object.version, creationRecord(object, media)};
   }));
 }
@@ -206,6 +214,8 @@ void replaceObject(Service& service, Call& call, const std::string& appID,
       if (conditions.ifMatch && *conditions.ifMatch != "*") throw objectNotFound();
       auto bucket = bucketForCreation(conn, appID, context, address.name);
       auto object = insertNewObject(conn, bucket, context, id, std::move(fields), media.type);
+      deliverBucketEvent(conn, bucket, object.id, kObjectCreated, senderOf(context),
+                         object.modified);
       return ObjectReply{201, object.version, creationRecord(object, media)};
     }
     const auto& bucket = *existingBucketRow;
@@ -217,6 +227,7 @@ void replaceObject(Service& service, Call& call, const std::string& appID,
     object.version += 1;
     object.modified = std::max(Service::now(), existing->modified);
     storeObject(conn, bucket, object, media.type);
+    deliverBucketEvent(conn, bucket, object.id, kObjectUpdated, senderOf(context), object.modified);
     return ObjectReply{
         200, object.version, {{"createdAt", object.created}, {"modifiedAt", object.modified}}};
   }));
@@ -251,6 +262,7 @@ void mergeObject(Service& service, Call& call, const std::string& appID,
     std::optional<std::string> type = media.type;
     if (!type && object.doc.contains("_dataType")) type = object.doc["_dataType"];
     storeObject(conn, bucket, object, type);
+    deliverBucketEvent(conn, bucket, object.id, kObjectUpdated, senderOf(context), object.modified);
     return ObjectReply{200, object.version, object.doc};
   }));
 }
@@ -265,6 +277,8 @@ void removeObject(Service& service, Call& call, const std::string& appID,
     if (!findObject(conn, bucket, id)) throw objectNotFound();
     requireAllowed(isAllowed(conn, bucket.key, id, kWriteObject, context.requester),
                    context.requester, "delete this object");
+    // Told before the deletion: the object's entries still say who could read it.
+    deliverBucketEvent(conn, bucket, id, kObjectDeleted, senderOf(context), Service::now());
     deleteObject(conn, bucket, id);
   });
   call.replyNoContent();

@@ -14,15 +14,30 @@
 //   ".../topics/{name}/push/subscriptions/users/{id}": PUT subscribes (204; 409
 //   PUSH_SUBSCRIPTION_ALREADY_EXISTS), DELETE unsubscribes (204; 409 PUSH_SUBSCRIPTION_NOT_FOUND),
 //   GET answers 204 when subscribed (404 PUSH_SUBSCRIPTION_NOT_FOUND).
-// Rights follow the buckets': an application topic is anybody's to create, list and subscribe
-// to, and its creator's to delete; a user's topics are that user's alone; a group's are its
-// members', and deleting one is for the group's owner or the topic's creator. Users subscribe
-// only themselves.
+//   POST ".../topics/{name}/push/messages" SendPushMessageRequest: 200 {"pushMessageID"}; stores
+//   the deliveries of every subscriber's installations in the push outbox; 400 for a body that
+//   enables no channel or is not a message.
+//   ".../topics/{name}/acl" GET lists the topic's entries; ".../acl/{ACTION}/{SUBJECT}" PUT
+//   grants, DELETE revokes (404 ACL_NOT_FOUND); actions SUBSCRIBE_TO_TOPIC and
+//   SEND_MESSAGE_TO_TOPIC.
+// Buckets: ".../buckets/{name}/filters/all/push/subscriptions/users/{id}": PUT subscribes (204;
+//   409 PUSH_SUBSCRIPTION_ALREADY_EXISTS; 404 FILTER_NOT_FOUND for a bucket that does not
+//   exist), DELETE unsubscribes (404 PUSH_SUBSCRIPTION_NOT_FOUND), GET answers 204 when
+//   subscribed. Subscribing needs the right to query or read the bucket's objects.
+// Rights: an application topic is anybody's to create and list; a user's topics are that
+// user's; a group's are its members'. The topic's manager (the creator of an application topic,
+// the user of a user's topic, the group's owner or the topic's creator for a group's) deletes it
+// and changes its list; subscribing and sending need SUBSCRIBE_TO_TOPIC and
+// SEND_MESSAGE_TO_TOPIC, which a new topic grants to any authenticated user and its creator
+// (application), to the user (user's) or to the group (group's). Users subscribe only
+// themselves.
 #include <regex>
 
 #include "api_error.hpp"
+#include "bucket_access.hpp"
 #include "crypto.hpp"
 #include "group_store.hpp"
+#include "push_delivery.hpp"
 #include "push_store.hpp"
 #include "service.hpp"
 
@@ -32,7 +47,10 @@ namespace {
 
 constexpr const char* kInstallationCreation =
     "application/vnd.jov.InstallationCreationRequest+json";
+constexpr const char* kSendPushMessage = "application/vnd.jov.SendPushMessageRequest+json";
 constexpr int kTopicPageSize = 20;
+constexpr const char* kSubscribeToTopic = "SUBSCRIBE_TO_TOPIC";
+constexpr const char* kSendToTopic = "SEND_MESSAGE_TO_TOPIC";
 
 void requireTopicName(const std::string& name) {
   static const std::regex pattern("[A-Za-z0-9_-]{1,64}");
@@ -168,22 +186,51 @@ void requireUse(Connection& conn, const std::string& appID, const TopicContext& 
   }
 }
 
-void requireDelete(Connection& conn, const std::string& appID, const TopicContext& context,
-                   const TopicRow& topic) {
+// The manager of a topic deletes it and changes its access control list.
+bool managesTopic(Connection& conn, const std::string& appID, const TopicContext& context,
+                  const TopicRow& topic) {
   const std::string& caller = context.caller.userID;
   switch (context.scope.kind) {
     case ScopeKind::App:
-      if (topic.creator == caller) return;
-      throw forbidden("Only the creator of the topic may delete it");
+      return topic.creator == caller;
     case ScopeKind::User:
-      if (context.scope.ownerID == caller) return;
-      throw forbidden("Only the user itself may delete its topics");
+      return context.scope.ownerID == caller;
     case ScopeKind::Group: {
       auto group = findGroup(conn, appID, context.scope.ownerID);
-      if (topic.creator == caller || (group && group->owner == caller)) return;
-      throw forbidden("Only the group's owner or the topic's creator may delete it");
+      return topic.creator == caller || (group && group->owner == caller);
     }
   }
+  return false;
+}
+
+void requireManager(Connection& conn, const std::string& appID, const TopicContext& context,
+                    const TopicRow& topic) {
+  if (!managesTopic(conn, appID, context, topic)) {
+    throw forbidden("Only the topic's manager may do this");
+  }
+}
+
+// The entries a new topic starts with.
+std::vector<AclEntry> defaultTopicEntries(const BucketScope& scope, const std::string& creator) {
+  switch (scope.kind) {
+    case ScopeKind::User:
+      return {{kSubscribeToTopic, "UserID:" + scope.ownerID}, {kSendToTopic, "UserID:" + scope.ownerID}};
+    case ScopeKind::Group:
+      return {{kSubscribeToTopic, "GroupID:" + scope.ownerID},
+              {kSendToTopic, "GroupID:" + scope.ownerID}};
+    case ScopeKind::App:
+      break;
+  }
+  return {{kSubscribeToTopic, kAuthenticatedSubject}, {kSendToTopic, "UserID:" + creator}};
+}
+
+// Subscribing and sending: the manager, or a subject the topic's list grants the action.
+void requireTopicRight(Connection& conn, const std::string& appID, const TopicContext& context,
+                       const TopicRow& topic, const char* action) {
+  if (managesTopic(conn, appID, context, topic)) return;
+  const auto requester = requesterFor(conn, appID, context.caller);
+  if (isAllowed(topicEntries(conn, appID, topic.key), action, requester)) return;
+  throw forbidden(std::string("The caller lacks ") + action + " on this topic");
 }
 
 TopicRow existingTopic(Connection& conn, const std::string& appID, const TopicKey& key) {
@@ -206,6 +253,10 @@ void addTopicRoutes(Router& router, Service& service) {
                       throw ApiError(409, "TOPIC_ALREADY_EXISTS", "The topic exists already");
                     }
                     insertTopic(conn, app, {key, context.caller.userID, Service::now()});
+                    for (const auto& entry :
+                         defaultTopicEntries(context.scope, context.caller.userID)) {
+                      grantTopicEntry(conn, app, key, entry);
+                    }
                   });
                   call.replyNoContent();
                 });
@@ -219,7 +270,7 @@ void addTopicRoutes(Router& router, Service& service) {
                     auto context = openTopicContext(service, call, conn, app, kind, owner);
                     TopicKey key{context.scope, name};
                     auto topic = existingTopic(conn, app, key);
-                    requireDelete(conn, app, context, topic);
+                    requireManager(conn, app, context, topic);
                     deleteTopic(conn, app, key);
                   });
                   call.replyNoContent();
@@ -271,12 +322,9 @@ void changeSubscription(Service& service, Call& call, const std::string& app, Sc
   service.db.transaction([&](Connection& conn) {
     auto context = openTopicContext(service, call, conn, app, kind, owner);
     TopicKey key{context.scope, name};
-    existingTopic(conn, app, key);
-    auto subscriber = resolveUserPath(conn, app, call.param(next + 1), context.caller);
-    if (subscriber.userID != context.caller.userID) {
-      throw forbidden("A user subscribes only itself");
-    }
-    requireUse(conn, app, context);
+    auto topic = existingTopic(conn, app, key);
+    auto subscriber = requireSelf(conn, app, call.param(next + 1), context.caller);
+    if (change == SubscriptionChange::Add) requireTopicRight(conn, app, context, topic, kSubscribeToTopic);
     const std::string path = "users/" + subscriber.userID;
     const bool exists = hasSubscription(conn, app, key, path);
     switch (change) {
@@ -319,6 +367,124 @@ void addSubscriptionRoutes(Router& router, Service& service) {
   }
 }
 
+// ------------------------------------------------------------------ messages and topic ACLs
+
+void addMessageRoutes(Router& router, Service& service) {
+  addTopicRoute(router, service, "POST", "/{}/push/messages",
+                [&service](Call& call, const std::string& app, ScopeKind kind,
+                           const std::string& owner, std::size_t next) {
+                  const std::string& name = call.param(next);
+                  requireTopicName(name);
+                  call.requireMediaType({kSendPushMessage});
+                  auto body = call.jsonObject();
+                  requireMessageBody(body);
+                  service.db.transaction([&](Connection& conn) {
+                    auto context = openTopicContext(service, call, conn, app, kind, owner);
+                    auto topic = existingTopic(conn, app, {context.scope, name});
+                    requireTopicRight(conn, app, context, topic, kSendToTopic);
+                    deliverTopicMessage(conn, app, topic.key, context.caller.userID, body,
+                                        Service::now());
+                  });
+                  call.reply(200, {{"pushMessageID", randomHex(12)}});
+                });
+
+  addTopicRoute(router, service, "GET", "/{}/acl",
+                [&service](Call& call, const std::string& app, ScopeKind kind,
+                           const std::string& owner, std::size_t next) {
+                  const std::string& name = call.param(next);
+                  requireTopicName(name);
+                  auto list = service.db.transaction([&](Connection& conn) {
+                    auto context = openTopicContext(service, call, conn, app, kind, owner);
+                    auto topic = existingTopic(conn, app, {context.scope, name});
+                    requireManager(conn, app, context, topic);
+                    return aclJson(topicEntries(conn, app, topic.key));
+                  });
+                  call.reply(200, list);
+                });
+
+  for (const bool grant : {true, false}) {
+    addTopicRoute(router, service, grant ? "PUT" : "DELETE", "/{}/acl/{}/{}",
+                  [&service, grant](Call& call, const std::string& app, ScopeKind kind,
+                                    const std::string& owner, std::size_t next) {
+                    const std::string& name = call.param(next);
+                    requireTopicName(name);
+                    const AclEntry entry{call.param(next + 1), call.param(next + 2)};
+                    if (entry.action != kSubscribeToTopic && entry.action != kSendToTopic) {
+                      throw invalidInput("The action " + entry.action +
+                                         " does not apply to a topic");
+                    }
+                    service.db.transaction([&](Connection& conn) {
+                      auto context = openTopicContext(service, call, conn, app, kind, owner);
+                      auto topic = existingTopic(conn, app, {context.scope, name});
+                      requireManager(conn, app, context, topic);
+                      if (grant) {
+                        requireSubject(conn, app, entry.subject);
+                        grantTopicEntry(conn, app, topic.key, entry);
+                      } else if (!revokeTopicEntry(conn, app, topic.key, entry)) {
+                        throw ApiError(404, "ACL_NOT_FOUND",
+                                       "The entry " + entry.action + "/" + entry.subject +
+                                           " is not in the access control list");
+                      }
+                    });
+                    call.replyNoContent();
+                  });
+  }
+}
+
+// ------------------------------------------------------------------ bucket subscriptions
+
+void changeBucketSubscription(Service& service, Call& call, const std::string& app,
+                              const BucketAddress& address, SubscriptionChange change) {
+  service.db.transaction([&](Connection& conn) {
+    auto context = openBucketContext(service, call, conn, app, address);
+    const auto& requester = context.requester;
+    if (!requester.user) throw ApiError(401, "UNAUTHORIZED", "A subscriber must be logged in");
+    auto subscriber = requireSelf(conn, app, call.param(address.next), *requester.user);
+    auto bucket = findBucket(conn, app, context.scope, address.name);
+    if (!bucket) throw ApiError(404, "FILTER_NOT_FOUND", "The bucket has no such filter");
+    const std::string path = "users/" + subscriber.userID;
+    const bool exists = hasBucketSubscription(conn, bucket->key, path);
+    switch (change) {
+      case SubscriptionChange::Add:
+        requireAllowed(managesBucket(conn, app, *bucket, requester) ||
+                           isAllowed(conn, bucket->key, kBucketTarget, kQueryObjects, requester) ||
+                           isAllowed(conn, bucket->key, kBucketTarget, kReadObjects, requester),
+                       requester, "subscribe to this bucket");
+        if (exists) {
+          throw ApiError(409, "PUSH_SUBSCRIPTION_ALREADY_EXISTS",
+                         "The subscription exists already");
+        }
+        insertBucketSubscription(conn, bucket->key, path, Service::now());
+        break;
+      case SubscriptionChange::Remove:
+      case SubscriptionChange::Check:
+        if (!exists) {
+          throw ApiError(404, "PUSH_SUBSCRIPTION_NOT_FOUND", "There is no such subscription");
+        }
+        if (change == SubscriptionChange::Remove) {
+          deleteBucketSubscription(conn, bucket->key, path);
+        }
+        break;
+    }
+  });
+  call.replyNoContent();
+}
+
+void addBucketSubscriptionRoutes(Router& router, Service& service) {
+  const std::pair<const char*, SubscriptionChange> methods[] = {
+      {"PUT", SubscriptionChange::Add},
+      {"DELETE", SubscriptionChange::Remove},
+      {"GET", SubscriptionChange::Check},
+  };
+  for (const auto& [method, change] : methods) {
+    addBucketRoute(router, service, method, "/filters/all/push/subscriptions/users/{}",
+                   [&service, change = change](Call& call, const std::string& app,
+                                               const BucketAddress& address) {
+                     changeBucketSubscription(service, call, app, address, change);
+                   });
+  }
+}
+
 }  // namespace
 
 void addPushRoutes(Router& router, Service& service) {
@@ -328,6 +494,8 @@ void addPushRoutes(Router& router, Service& service) {
               [&service](Call& call, const std::string& app) { uninstall(service, call, app); });
   addTopicRoutes(router, service);
   addSubscriptionRoutes(router, service);
+  addMessageRoutes(router, service);
+  addBucketSubscriptionRoutes(router, service);
 }
 
 }  // namespace jovemu

@@ -152,6 +152,33 @@ CREATE TABLE IF NOT EXISTS push_subscriptions (
   created     INTEGER NOT NULL,
   PRIMARY KEY (app_id, scope, owner, name, subscriber)
 );
+CREATE TABLE IF NOT EXISTS push_topic_acl (
+  app_id   TEXT NOT NULL,
+  scope    TEXT NOT NULL,
+  owner    TEXT NOT NULL,
+  name     TEXT NOT NULL,
+  action   TEXT NOT NULL,
+  subject  TEXT NOT NULL,
+  PRIMARY KEY (app_id, scope, owner, name, action, subject)
+) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS push_bucket_subscriptions (
+  bucket_key  INTEGER NOT NULL,
+  subscriber  TEXT NOT NULL,
+  created     INTEGER NOT NULL,
+  PRIMARY KEY (bucket_key, subscriber)
+) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS push_deliveries (
+  seq              INTEGER PRIMARY KEY AUTOINCREMENT,
+  app_id           TEXT NOT NULL,
+  kind             TEXT NOT NULL,
+  user_id          TEXT NOT NULL,
+  installation_id  TEXT NOT NULL,
+  device_type      TEXT NOT NULL,
+  channel          TEXT NOT NULL,
+  payload          TEXT NOT NULL,
+  created          INTEGER NOT NULL
+);
+CREATE INDEX IF NOT EXISTS push_deliveries_app ON push_deliveries (app_id, seq);
 )sql";
 
 // Accounts of the stand-in social provider (one for the whole emulator, as a real provider is
