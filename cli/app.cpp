@@ -356,6 +356,13 @@ json orNull(const std::string& text) {
   return text.empty() ? json(nullptr) : json(text);
 }
 
+std::string emulatorRoot(std::string baseURL) {
+  while (!baseURL.empty() && baseURL.back() == '/') baseURL.pop_back();
+  constexpr std::string_view kApi = "/api";
+  if (baseURL.ends_with(kApi)) baseURL.resize(baseURL.size() - kApi.size());
+  return baseURL;
+}
+
 // ------------------------------------------------------------------ prompts
 
 std::string Context::readPassword(const std::string& prompt) const {

@@ -150,6 +150,9 @@ std::string localTime(std::chrono::system_clock::time_point when);
 std::string isoTime(std::chrono::system_clock::time_point when);
 /// @brief A string, or null when empty: JSON output keeps every key.
 json orNull(const std::string& text);
+/// @brief The root of an emulator's own routes ("/emulator/..."): the base URL without its
+/// trailing "/api".
+std::string emulatorRoot(std::string baseURL);
 
 /// @brief A bash completion script for the commands and options of `app`.
 std::string bashCompletion(const CLI::App& app);

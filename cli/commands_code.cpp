@@ -8,14 +8,6 @@ namespace jovcli {
 
 namespace {
 
-// The emulator's own routes live at the root of its URL, next to "/api".
-std::string emulatorRoot(std::string baseURL) {
-  while (!baseURL.empty() && baseURL.back() == '/') baseURL.pop_back();
-  constexpr std::string_view kApi = "/api";
-  if (baseURL.ends_with(kApi)) baseURL.resize(baseURL.size() - kApi.size());
-  return baseURL;
-}
-
 std::string readScript(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) throw usageError("cannot read " + path);

@@ -201,6 +201,24 @@ void addObjectCommands(CLI::App& jov, Context& ctx) {
     ctx.check(bucketOf(ctx, *args)->deleteSynchronous(), "cannot delete the bucket");
     ctx.print(json{{"bucket", args->bucket}, {"deleted", true}}, "deleted " + args->bucket);
   });
+
+  for (bool add : {true, false}) {
+    auto* change = bucket->add_subcommand(
+        add ? "subscribe" : "unsubscribe",
+        add ? "Get a push whenever an object of the bucket changes" : "Stop the bucket's pushes");
+    addBucketOptions(change, *args);
+    change->callback([&ctx, args, add] {
+      ctx.session();
+      auto target = bucketOf(ctx, *args);
+      if (add) {
+        ctx.check(target->subscribeSynchronous(), "cannot subscribe");
+      } else {
+        ctx.check(target->unsubscribeSynchronous(), "cannot unsubscribe");
+      }
+      ctx.print(json{{"bucket", args->bucket}, {"subscribed", add}},
+                (add ? "subscribed to bucket " : "unsubscribed from bucket ") + args->bucket);
+    });
+  }
 }
 
 }  // namespace jovcli

@@ -1,5 +1,6 @@
-// Push: install or uninstall this machine's device token, and topics of the application, a user
-// (--user) or a group (--group): create, list, delete, subscribe, unsubscribe.
+// Push: install or uninstall this machine's device token; topics of the application, a user
+// (--user) or a group (--group): create, list, delete, subscribe, unsubscribe, send; and the
+// emulator's push outbox (what every device would have received).
 //
 // Without --token, push install and uninstall use this machine's own token: 32 random bytes kept
 // in the data directory ("device-token", hex), made on the first install.
@@ -120,6 +121,33 @@ void addPushInstallCommands(CLI::App& jov, Context& ctx) {
     }
     ctx.print({{"uninstalled", true}}, "uninstalled");
   });
+
+  auto* outbox = push->add_subcommand(
+      "outbox", "Show the pushes the emulator delivered, oldest first (emulator only)");
+  auto clear = std::make_shared<bool>(false);
+  outbox->add_flag("--clear", *clear, "Empty the outbox after showing it");
+  outbox->callback([&ctx, clear] {
+    ctx.begin();
+    const std::string url = emulatorRoot(jov::Jov::baseURL()) + "/emulator/apps/" +
+                            jov::urlEncode(jov::Jov::appID()) + "/push/outbox";
+    auto exchange = [&url](jov::JovRequestMethod method) {
+      jov::JovRequest request = jov::JovRequest::withURL(url);
+      request.requestMethod = method;
+      request.anonymous = true;
+      jov::JovResponse response = request.makeSynchronousRequest();
+      if (!response.ok()) throw failure("cannot read the push outbox: " + describeError(*response.error));
+      return response;
+    };
+    const json deliveries = exchange(jov::JovMethodGet).json.value("deliveries", json::array());
+    std::vector<std::vector<json>> rows;
+    for (const auto& d : deliveries) {
+      rows.push_back({d.value("kind", ""), d.value("userID", ""), d.value("channel", ""),
+                      d.value("payload", json::object())});
+    }
+    ctx.printTable({"kind", "userID", "channel", "payload"}, {"KIND", "USER", "CHANNEL", "PAYLOAD"},
+                   rows, "(no deliveries)");
+    if (*clear) exchange(jov::JovMethodDelete);
+  });
 }
 
 void addTopicCommands(CLI::App& jov, Context& ctx) {
@@ -188,6 +216,38 @@ void addTopicCommands(CLI::App& jov, Context& ctx) {
                 (add ? "subscribed to " : "unsubscribed from ") + args->name + scopeText(*args));
     });
   }
+
+  struct SendArgs {
+    std::string data, alert, title;
+    bool noAPNS = false, noGCM = false, noMQTT = false;
+  };
+  auto message = std::make_shared<SendArgs>();
+  auto* send = topic->add_subcommand("send", "Send a message to a topic's subscribers");
+  send->add_option("name", args->name, "Topic name")->required();
+  addOwnerOptions(send, *args);
+  send->add_option("--data", message->data, "The message data: a JSON object");
+  send->add_option("--alert", message->alert, "The alert text APNs devices show");
+  send->add_option("--title", message->title, "The alert title APNs devices show");
+  send->add_flag("--no-apns", message->noAPNS, "Do not send through APNs");
+  send->add_flag("--no-gcm", message->noGCM, "Do not send through GCM");
+  send->add_flag("--no-mqtt", message->noMQTT, "Do not send through MQTT");
+  send->callback([&ctx, args, message] {
+    json data = json::object();
+    if (!message->data.empty()) {
+      data = json::parse(message->data, nullptr, false);
+      if (!data.is_object()) throw usageError("--data is not a JSON object: " + message->data);
+    }
+    auto composed = jov::JovPushMessage::composeMessageWithData(data);
+    if (!message->alert.empty()) composed.apnsFields->alertBody = message->alert;
+    if (!message->title.empty()) composed.apnsFields->alertTitle = message->title;
+    composed.setAPNSEnabled(!message->noAPNS);
+    composed.setGCMEnabled(!message->noGCM);
+    composed.setMQTTEnabled(!message->noMQTT);
+    ctx.session();
+    ctx.check(topicOf(ctx, *args)->sendMessageSynchronous(composed), "cannot send the message");
+    ctx.print({{"topicID", args->name}, {"sent", true}},
+              "sent to " + args->name + scopeText(*args));
+  });
 }
 
 }  // namespace
