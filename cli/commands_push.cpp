@@ -134,8 +134,11 @@ void addPushInstallCommands(CLI::App& jov, Context& ctx) {
       jov::JovRequest request = jov::JovRequest::withURL(url);
       request.requestMethod = method;
       request.anonymous = true;
+      request.postData.reset();
       jov::JovResponse response = request.makeSynchronousRequest();
-      if (!response.ok()) throw failure("cannot read the push outbox: " + describeError(*response.error));
+      if (!response.ok()) {
+        throw failure("cannot read the push outbox: " + describeError(*response.error));
+      }
       return response;
     };
     const json deliveries = exchange(jov::JovMethodGet).json.value("deliveries", json::array());

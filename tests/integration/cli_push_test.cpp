@@ -1,5 +1,6 @@
-// `jov push` and `jov topic` from a shell: this machine's installation, topics of the
-// application and of the user, subscriptions, and what the service refuses.
+// `jov push`, `jov topic` and `jov bucket subscribe` from a shell: this machine's installation,
+// topics of the application and of the user, subscriptions, messages and the push outbox, and
+// what the service refuses.
 #include <gtest/gtest.h>
 
 #include "cli_user.hpp"
@@ -39,6 +40,39 @@ TEST(CliPush, InstallThenTopicsAndSubscriptions) {
   EXPECT_EQ(cli.run({"topic", "unsubscribe", "news"}).status, 1) << "not subscribed";
   EXPECT_EQ(cli.run({"topic", "subscribe", "nothing-here"}).status, 1);
   EXPECT_EQ(cli.run({"topic", "list", "--user", "x", "--group", "y"}).status, 2);
+
+  // A message to a topic the user subscribes to reaches this machine's installation.
+  ASSERT_TRUE(cli.runJSON({"push", "install"})["installationID"].is_string());
+  EXPECT_TRUE(cli.runJSON({"topic", "subscribe", "news"})["subscribed"].get<bool>());
+  auto cleared = cli.run({"push", "outbox", "--clear"});
+  EXPECT_EQ(cleared.status, 0) << cleared.err;
+  EXPECT_TRUE(cli.runJSON({"topic", "send", "news", "--data", R"({"score":3})", "--alert", "hi"})
+                  ["sent"]
+                      .get<bool>());
+  EXPECT_EQ(cli.run({"topic", "send", "news", "--data", "[1]"}).status, 2);
+  auto sent = cli.run({"topic", "send", "news", "--data", R"({"google.x":1})"});
+  EXPECT_EQ(sent.status, 1);
+  EXPECT_NE(sent.err.find("(712)"), std::string::npos) << sent.err;
+  EXPECT_EQ(cli.run({"topic", "send", "news", "--no-apns", "--no-gcm", "--no-mqtt"}).status, 1);
+  auto outbox = cli.runJSON({"push", "outbox"});
+  ASSERT_EQ(outbox.size(), 1u) << outbox;
+  EXPECT_EQ(outbox[0]["kind"], "TOPIC_MESSAGE");
+  EXPECT_EQ(outbox[0]["payload"]["score"], 3);
+  EXPECT_EQ(outbox[0]["payload"]["aps"]["alert"]["body"], "hi");
+  EXPECT_EQ(outbox[0]["payload"]["to"], "news");
+
+  // A bucket's changes, once subscribed.
+  ASSERT_EQ(cli.run({"object", "create", "--bucket", "board", "--set", "n=1"}).status, 0);
+  EXPECT_TRUE(cli.runJSON({"bucket", "subscribe", "--bucket", "board"})["subscribed"].get<bool>());
+  EXPECT_EQ(cli.run({"bucket", "subscribe", "--bucket", "board"}).status, 1) << "twice";
+  EXPECT_EQ(cli.run({"push", "outbox", "--clear"}).status, 0);
+  ASSERT_EQ(cli.run({"object", "create", "--bucket", "board", "--set", "n=2"}).status, 0);
+  outbox = cli.runJSON({"push", "outbox"});
+  ASSERT_EQ(outbox.size(), 1u) << outbox;
+  EXPECT_EQ(outbox[0]["kind"], "BUCKET_EVENT");
+  EXPECT_EQ(outbox[0]["payload"]["bi"], "board");
+  EXPECT_FALSE(cli.runJSON({"bucket", "unsubscribe", "--bucket", "board"})["subscribed"].get<bool>());
+  EXPECT_EQ(cli.run({"bucket", "unsubscribe", "--bucket", "board"}).status, 1);
 
   EXPECT_TRUE(cli.runJSON({"topic", "delete", "news", "--yes"})["deleted"].get<bool>());
   EXPECT_EQ(cli.run({"topic", "delete", "news", "--yes"}).status, 1);
