@@ -16,6 +16,7 @@ namespace jov {
 class JovBucket;
 class JovGroup;
 class JovServerCodeEntry;
+class JovThing;
 class JovTopic;
 template <class T>
 struct JovListResult;
@@ -129,6 +130,12 @@ class Jov {
   static std::shared_ptr<JovUser> currentUser();
   /// @brief Replaces the current user (nullptr logs nobody in); loads that user's scratch data.
   static void setCurrentUser(std::shared_ptr<JovUser> user);
+  /// @brief Makes the library act as a thing that registered itself: while nobody is logged in,
+  /// requests carry the thing's access token (a logged-in user's token comes first). nullptr
+  /// stops acting as a thing. The choice is kept in memory only.
+  static void setCurrentThing(std::shared_ptr<JovThing> thing);
+  /// @brief The thing the library acts as, or nullptr.
+  static std::shared_ptr<JovThing> currentThing();
 
   /// @brief A copy of the current user's scratch data (a JSON object).
   static nlohmann::json currentUserData();

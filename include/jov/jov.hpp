@@ -21,6 +21,7 @@
 #include "jov/server_code.hpp"
 #include "jov/social_account.hpp"
 #include "jov/social_connect.hpp"
+#include "jov/thing.hpp"
 #include "jov/topic.hpp"
 #include "jov/transport.hpp"
 #include "jov/user.hpp"

@@ -17,6 +17,7 @@
 #include "jov/application.hpp"
 #include "jov/encoding.hpp"
 #include "jov/logger.hpp"
+#include "jov/thing.hpp"
 #include "jov/user.hpp"
 #include "users/user_internal.hpp"
 
@@ -129,9 +130,11 @@ class UserSessionHooks final : public SessionHooks {
     return refreshTokenIfNeedRoutine();
   }
 
+  // The current user's token; with nobody logged in, that of the thing the library acts as.
   std::string accessToken() override {
-    auto user = Jov::currentUser();
-    return user ? user->accessToken() : std::string();
+    if (auto user = Jov::currentUser()) return user->accessToken();
+    auto thing = Jov::currentThing();
+    return thing ? thing->accessToken() : std::string();
   }
 
   void logOut() override { JovUser::logOut(); }
