@@ -1,6 +1,7 @@
 #include "group_store.hpp"
 
 #include "acl_store.hpp"
+#include "thing_store.hpp"
 
 namespace jovemu {
 
@@ -49,6 +50,7 @@ void deleteGroup(Connection& conn, const std::string& appID, const std::string& 
   // The group's buckets go with it, and so do the grants naming it.
   dropScopeBuckets(conn, appID, ScopeKind::Group, groupID);
   forgetSubject(conn, appID, "GroupID:" + groupID);
+  forgetThingOwner(conn, appID, "GroupID:" + groupID);
   {
     auto stmt = conn.prepare("DELETE FROM group_members WHERE app_id = ?1 AND group_id = ?2");
     stmt.bind(1, appID).bind(2, groupID);

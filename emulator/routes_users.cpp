@@ -8,6 +8,7 @@
 #include "group_store.hpp"
 #include "outbox_store.hpp"
 #include "service.hpp"
+#include "thing_store.hpp"
 #include "token_store.hpp"
 #include "user_fields.hpp"
 
@@ -102,6 +103,7 @@ void addUserRoutes(Router& router, Service& service) {
                   removeUserFromGroups(conn, appID, user.userID);
                   dropScopeBuckets(conn, appID, ScopeKind::User, user.userID);
                   forgetSubject(conn, appID, "UserID:" + user.userID);
+                  forgetThingOwner(conn, appID, "UserID:" + user.userID);
                   dropUserCodes(conn, appID, user.userID);
                   revokeUserTokens(conn, appID, user.userID);
                   deleteUserRow(conn, appID, user.userID);

@@ -206,6 +206,39 @@ CREATE TABLE IF NOT EXISTS social_links (
 CREATE UNIQUE INDEX IF NOT EXISTS social_links_user ON social_links (app_id, user_id, provider);
 )sql";
 
+// Things: devices with a vendor ID unique in the application, a hashed password, a type and
+// fields (JSON), their owners (subject tokens "UserID:x" / "GroupID:y") and the access tokens of
+// things that registered themselves.
+constexpr const char* kThingSchema = R"sql(
+CREATE TABLE IF NOT EXISTS things (
+  app_id           TEXT NOT NULL,
+  thing_id         TEXT NOT NULL,
+  vendor_thing_id  TEXT NOT NULL,
+  thing_type       TEXT NOT NULL,
+  password_hash    TEXT NOT NULL,
+  fields           TEXT NOT NULL,
+  disabled         INTEGER NOT NULL DEFAULT 0,
+  created          INTEGER NOT NULL,
+  modified         INTEGER NOT NULL,
+  PRIMARY KEY (app_id, thing_id),
+  UNIQUE (app_id, vendor_thing_id)
+);
+CREATE TABLE IF NOT EXISTS thing_owners (
+  app_id    TEXT NOT NULL,
+  thing_id  TEXT NOT NULL,
+  owner     TEXT NOT NULL,
+  created   INTEGER NOT NULL,
+  PRIMARY KEY (app_id, thing_id, owner)
+) WITHOUT ROWID;
+CREATE INDEX IF NOT EXISTS thing_owners_owner ON thing_owners (app_id, owner);
+CREATE TABLE IF NOT EXISTS thing_tokens (
+  app_id    TEXT NOT NULL,
+  token     TEXT NOT NULL,
+  thing_id  TEXT NOT NULL,
+  PRIMARY KEY (app_id, token)
+) WITHOUT ROWID;
+)sql";
+
 }  // namespace
 
 void createSchema(Connection& conn) {
@@ -220,6 +253,7 @@ void createSchema(Connection& conn) {
   conn.exec(kServerCodeSchema);
   conn.exec(kPushSchema);
   conn.exec(kSocialSchema);
+  conn.exec(kThingSchema);
 }
 
 }  // namespace jovemu

@@ -72,6 +72,7 @@ void addAllRoutes(Router& router, Service& service) {
   addPushRoutes(router, service);
   addEmulatorRoutes(router, service);
   addSocialRoutes(router, service);
+  addThingRoutes(router, service);
 }
 
 }  // namespace jovemu

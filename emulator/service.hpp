@@ -68,6 +68,7 @@ void addServerCodeRoutes(Router& router, Service& service);
 void addPushRoutes(Router& router, Service& service);
 void addEmulatorRoutes(Router& router, Service& service);
 void addSocialRoutes(Router& router, Service& service);
+void addThingRoutes(Router& router, Service& service);
 
 /// @brief Every route of the emulator.
 void addAllRoutes(Router& router, Service& service);
