@@ -356,6 +356,20 @@ json orNull(const std::string& text) {
   return text.empty() ? json(nullptr) : json(text);
 }
 
+json assignments(const std::vector<std::string>& set) {
+  json fields = json::object();
+  for (const auto& assignment : set) {
+    const auto equals = assignment.find('=');
+    if (equals == std::string::npos || equals == 0)
+      throw usageError("--set needs KEY=VALUE, not \"" + assignment + "\"");
+    const std::string text = assignment.substr(equals + 1);
+    json value = json::parse(text, nullptr, false);
+    fields[assignment.substr(0, equals)] =
+        value.is_discarded() || value.is_null() ? json(text) : std::move(value);
+  }
+  return fields;
+}
+
 std::string emulatorRoot(std::string baseURL) {
   while (!baseURL.empty() && baseURL.back() == '/') baseURL.pop_back();
   constexpr std::string_view kApi = "/api";

@@ -150,6 +150,9 @@ std::string localTime(std::chrono::system_clock::time_point when);
 std::string isoTime(std::chrono::system_clock::time_point when);
 /// @brief A string, or null when empty: JSON output keeps every key.
 json orNull(const std::string& text);
+/// @brief KEY=VALUE assignments (--set) as a JSON object: VALUE is JSON when it reads as JSON
+/// (3, true, [1,2], {"a":1}), else text. A usage error for one without "=" or a key.
+json assignments(const std::vector<std::string>& set);
 /// @brief The root of an emulator's own routes ("/emulator/..."): the base URL without its
 /// trailing "/api".
 std::string emulatorRoot(std::string baseURL);
@@ -165,5 +168,6 @@ void addObjectCommands(CLI::App& jov, Context& ctx);
 void addAclCommands(CLI::App& jov, Context& ctx);
 void addPushCommands(CLI::App& jov, Context& ctx);
 void addSocialCommands(CLI::App& jov, Context& ctx);
+void addThingCommands(CLI::App& jov, Context& ctx);
 
 }  // namespace jovcli

@@ -46,15 +46,7 @@ json fieldsOf(const BucketArgs& args) {
     fields = json::parse(input, nullptr, false);
     if (!fields.is_object()) throw usageError("the fields must be a JSON object");
   }
-  for (const auto& assignment : args.set) {
-    const auto equals = assignment.find('=');
-    if (equals == std::string::npos || equals == 0)
-      throw usageError("--set needs KEY=VALUE, not \"" + assignment + "\"");
-    const std::string text = assignment.substr(equals + 1);
-    json value = json::parse(text, nullptr, false);
-    fields[assignment.substr(0, equals)] =
-        value.is_discarded() || value.is_null() ? json(text) : std::move(value);
-  }
+  for (auto& [key, value] : assignments(args.set).items()) fields[key] = std::move(value);
   return fields;
 }
 

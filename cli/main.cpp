@@ -24,6 +24,7 @@ int main(int argc, char** argv) {
   addObjectCommands(app, ctx);
   addAclCommands(app, ctx);
   addPushCommands(app, ctx);
+  addThingCommands(app, ctx);
   addSocialCommands(app, ctx);
 
   auto* completion = app.add_subcommand("completion", "Print a shell completion script");
@@ -41,7 +42,8 @@ int main(int argc, char** argv) {
     app.exit(error);
     return kExitUsage;
   } catch (const CommandError& error) {
-    std::fprintf(stderr, "jov: %s\n", error.what());
+    // An answer given by the exit status alone ("is-owner": not an owner) prints nothing more.
+    if (*error.what() != '\0') std::fprintf(stderr, "jov: %s\n", error.what());
     return error.status();
   } catch (const std::invalid_argument& error) {
     // The library refuses malformed arguments before any request.
