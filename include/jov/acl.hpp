@@ -22,6 +22,7 @@ namespace jov {
 class JovBucket;
 class JovGroup;
 class JovObject;
+class JovThing;
 class JovTopic;
 class JovUser;
 
@@ -36,9 +37,10 @@ struct JovAnyAuthenticatedUser {
   bool operator==(const JovAnyAuthenticatedUser&) const = default;
 };
 
-/// @brief Who an entry grants to: a user, a group, or one of the two kinds of users.
+/// @brief Who an entry grants to: a user, a group, a thing, or one of the two kinds of users.
 using JovACLSubject = std::variant<std::shared_ptr<JovUser>, std::shared_ptr<JovGroup>,
-                                   JovAnonymousUser, JovAnyAuthenticatedUser>;
+                                   JovAnonymousUser, JovAnyAuthenticatedUser,
+                                   std::shared_ptr<JovThing>>;
 
 /// @brief What an entry grants. 6 and 7 send the names of 4 and 5.
 enum JovACLAction : std::int32_t {

@@ -25,6 +25,7 @@ class Jov;
 class JovACL;
 class JovGroup;
 class JovPushSubscription;
+class JovThing;
 class JovUser;
 
 /// @brief One page of a listing that pages with a key.
@@ -39,7 +40,8 @@ struct JovListResult {
 };
 
 /// @brief A named collection of objects. Made by Jov::bucketWithName (application scope),
-/// JovUser::bucketWithName and JovGroup::bucketWithName; immutable and safe to share.
+/// JovUser::bucketWithName, JovGroup::bucketWithName and JovThing::bucketWithName; immutable
+/// and safe to share.
 class JovBucket : public std::enable_shared_from_this<JovBucket> {
  public:
   /// @brief Buckets are held by std::shared_ptr.
@@ -63,10 +65,12 @@ class JovBucket : public std::enable_shared_from_this<JovBucket> {
     friend class JovObject;
     friend class JovUser;
     friend class JovGroup;
+    friend class JovThing;
     Key() = default;
   };
   /// @brief Made by the factories only.
-  JovBucket(Key, std::string name, std::shared_ptr<JovUser> user, std::shared_ptr<JovGroup> group);
+  JovBucket(Key, std::string name, std::shared_ptr<JovUser> user, std::shared_ptr<JovGroup> group,
+            std::shared_ptr<JovThing> thing = nullptr);
   virtual ~JovBucket() = default;
   JovBucket(const JovBucket&) = delete;
   JovBucket& operator=(const JovBucket&) = delete;
@@ -80,12 +84,14 @@ class JovBucket : public std::enable_shared_from_this<JovBucket> {
   const std::shared_ptr<JovUser>& user() const { return user_; }
   /// @brief The owning group of a group bucket, else nullptr.
   const std::shared_ptr<JovGroup>& group() const { return group_; }
+  /// @brief The owning thing of a thing's bucket, else nullptr.
+  const std::shared_ptr<JovThing>& thing() const { return thing_; }
   /// @brief True for a JovEncryptedBucket.
   virtual bool isEncrypted() const { return false; }
   /// @brief The name percent-encoded ("CRYPTO:" before it for an encrypted bucket).
   virtual std::string bucketQualifiedName() const;
-  /// @brief "/buckets/Q", "/users/ID/buckets/Q" or "/groups/ID/buckets/Q"; nothing while the
-  /// owning user or group has no ID.
+  /// @brief "/buckets/Q", "/users/ID/buckets/Q", "/groups/ID/buckets/Q" or
+  /// "/things/ID/buckets/Q"; nothing while the owning user, group or thing has no ID.
   std::optional<std::string> bucketPath() const;
   /// @brief "jovcloud:/" + the path; nothing without a path.
   std::optional<std::string> bucketURI() const;
@@ -244,6 +250,7 @@ class JovBucket : public std::enable_shared_from_this<JovBucket> {
   const std::string name_;
   const std::shared_ptr<JovUser> user_;
   const std::shared_ptr<JovGroup> group_;
+  const std::shared_ptr<JovThing> thing_;
   std::mutex aclMutex_;
   std::weak_ptr<JovACL> acl_;
 };

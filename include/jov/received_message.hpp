@@ -19,6 +19,7 @@ namespace jov {
 class JovBucket;
 class JovGroup;
 class JovObject;
+class JovThing;
 class JovTopic;
 class JovUser;
 
@@ -51,7 +52,7 @@ enum JovMessageField : int {
 };
 
 /// @brief A received push payload and what it tells. A plain value, safe to copy between
-/// threads. Things (a thing sender or a thing scope) are reported by their IDs.
+/// threads.
 class JovReceivedMessage {
  public:
   /// @brief Receives the title and the alert body of showMessageAlertWithTitle.
@@ -74,17 +75,17 @@ class JovReceivedMessage {
 
   /// @brief The sending user ("s" not starting with "th"), or nullptr.
   std::shared_ptr<JovUser> senderUser() const;
-  /// @brief The sending thing's ID ("s" starting with "th"), or nothing.
-  std::optional<std::string> senderThingID() const;
+  /// @brief The sending thing ("s" starting with "th"), or nullptr.
+  std::shared_ptr<JovThing> senderThing() const;
   /// @brief The user of the scope ("su"), or nullptr.
   std::shared_ptr<JovUser> eventSourceUser() const;
   /// @brief The group of the scope ("sg"), or nullptr.
   std::shared_ptr<JovGroup> eventSourceGroup() const;
-  /// @brief The thing of the scope ("sth"), or nothing.
-  std::optional<std::string> eventSourceThingID() const;
+  /// @brief The thing of the scope ("sth"), or nullptr.
+  std::shared_ptr<JovThing> eventSourceThing() const;
   /// @brief The bucket "bi" names, in the scope's owner: a bucket for the type "rw", an
   /// encrypted one for "crypto" (either case); nullptr for "sync", another or no type, no
-  /// owner (or a thing owner), or a name that is no bucket name.
+  /// owner, or a name that is no bucket name.
   std::shared_ptr<JovBucket> eventSourceBucket() const;
   /// @brief The object "oi" names in eventSourceBucket, or nullptr (no bucket, no or an invalid
   /// ID).
@@ -112,8 +113,14 @@ class JovReceivedMessage {
   explicit JovReceivedMessage(nlohmann::json payload);
   bool has(const char* key) const;
   std::optional<std::string> text(const char* key) const;
-  // The application (ownerless), or the scope's group or user; false when there is none.
-  bool scopeOwner(std::shared_ptr<JovUser>& user, std::shared_ptr<JovGroup>& group) const;
+  // The scope's owner: the application (nothing set), a group, a user or a thing; false when
+  // there is none.
+  struct Owner {
+    std::shared_ptr<JovUser> user;
+    std::shared_ptr<JovGroup> group;
+    std::shared_ptr<JovThing> thing;
+  };
+  bool scopeOwner(Owner& owner) const;
 
   nlohmann::json raw_;
   int scope_ = JovMessageScopeNone;

@@ -20,9 +20,13 @@
 
 namespace jov {
 
+class JovBucket;
 class JovGroup;
 class JovThing;
+class JovTopic;
 class JovUser;
+template <class T>
+struct JovListResult;
 
 /// @brief The predefined and custom fields a thing's maker registers and updates. A plain value.
 ///
@@ -170,6 +174,17 @@ class JovThing : public std::enable_shared_from_this<JovThing> {
   /// "_onlineStatusModifiedAt" and custom fields (names without "_"). False, and nothing
   /// changed, for a value that is not an object or a known key of the wrong type.
   bool loadFromJSON(const nlohmann::json& record);
+
+  /// @brief The thing's bucket of this name ("/things/ID/buckets/NAME"; nothing is fetched).
+  /// The thing and its owners (users, and the members of owning groups) may use it.
+  std::shared_ptr<JovBucket> bucketWithName(const std::string& name);
+  /// @brief The thing's encrypted bucket of this name.
+  std::shared_ptr<JovBucket> encryptedBucketWithName(const std::string& name);
+  /// @brief The thing's push topic of this name ("/things/ID/topics/NAME"; nothing is fetched).
+  std::shared_ptr<JovTopic> topicWithName(const std::string& name);
+  /// @brief One page of the thing's topics; see JovTopic::listTopicsSynchronous.
+  Result<JovListResult<std::shared_ptr<JovTopic>>> listTopicsSynchronous(
+      std::optional<std::string> paginationKey = {});
 
   /// @name registerThing
   /// @{

@@ -24,6 +24,7 @@ namespace jov {
 class JovACL;
 class JovGroup;
 class JovPushSubscription;
+class JovThing;
 class JovUser;
 
 /// @brief A named push channel of the application, of a user or of a group. Made by
@@ -51,8 +52,12 @@ class JovTopic : public std::enable_shared_from_this<JovTopic> {
     Key() = default;
   };
   /// @brief Made by the factories only.
-  JovTopic(Key, std::string name, std::shared_ptr<JovUser> user, std::shared_ptr<JovGroup> group)
-      : name_(std::move(name)), user_(std::move(user)), group_(std::move(group)) {}
+  JovTopic(Key, std::string name, std::shared_ptr<JovUser> user, std::shared_ptr<JovGroup> group,
+           std::shared_ptr<JovThing> thing = nullptr)
+      : name_(std::move(name)),
+        user_(std::move(user)),
+        group_(std::move(group)),
+        thing_(std::move(thing)) {}
   JovTopic(const JovTopic&) = delete;
   JovTopic& operator=(const JovTopic&) = delete;
 
@@ -64,6 +69,9 @@ class JovTopic : public std::enable_shared_from_this<JovTopic> {
   /// @brief The group's topic of this name; raises std::invalid_argument "group can not be nil"
   /// without a group.
   static Ptr topicWithName(const std::shared_ptr<JovGroup>& group, const std::string& name);
+  /// @brief The thing's topic of this name; raises std::invalid_argument "thing can not be nil"
+  /// without a thing.
+  static Ptr topicWithName(const std::shared_ptr<JovThing>& thing, const std::string& name);
 
   /// @brief True for 1 to 64 of letters, digits, "_" and "-".
   static bool isValidName(const std::string& name);
@@ -74,8 +82,11 @@ class JovTopic : public std::enable_shared_from_this<JovTopic> {
   const std::shared_ptr<JovUser>& user() const { return user_; }
   /// @brief The owning group, or nullptr.
   const std::shared_ptr<JovGroup>& group() const { return group_; }
+  /// @brief The owning thing, or nullptr.
+  const std::shared_ptr<JovThing>& thing() const { return thing_; }
   /// @brief The topic's path under the application: "/users/ID/topics/NAME",
-  /// "/groups/ID/topics/NAME" or "/topics/NAME", the name and the IDs percent-encoded.
+  /// "/groups/ID/topics/NAME", "/things/ID/topics/NAME" or "/topics/NAME", the name and the IDs
+  /// percent-encoded.
   std::string generatePath() const;
 
   /// @name save
@@ -199,6 +210,10 @@ class JovTopic : public std::enable_shared_from_this<JovTopic> {
                                             std::optional<std::string> paginationKey = {}) {
     return detail::runSync(listRoutine(nullptr, group, std::move(paginationKey)));
   }
+  static Result<Page> listTopicsSynchronous(const std::shared_ptr<JovThing>& thing,
+                                            std::optional<std::string> paginationKey = {}) {
+    return detail::runSync(listRoutine(nullptr, nullptr, std::move(paginationKey), thing));
+  }
   /// The block receives the page, then the error.
   static void listTopics(std::shared_ptr<JovUser> user, std::shared_ptr<JovGroup> group,
                          std::optional<std::string> paginationKey, JovBlock<Page> block,
@@ -245,12 +260,14 @@ class JovTopic : public std::enable_shared_from_this<JovTopic> {
   static detail::Routine<bool> isSubscribedCurrentUserRoutine(Ptr topic);
   static detail::Routine<Page> listRoutine(std::shared_ptr<JovUser> user,
                                            std::shared_ptr<JovGroup> group,
-                                           std::optional<std::string> paginationKey);
+                                           std::optional<std::string> paginationKey,
+                                           std::shared_ptr<JovThing> thing = nullptr);
   Ptr self() { return shared_from_this(); }
 
   const std::string name_;
   const std::shared_ptr<JovUser> user_;
   const std::shared_ptr<JovGroup> group_;
+  const std::shared_ptr<JovThing> thing_;
 };
 
 /// @brief What a subscription is to: a topic, or a bucket (changes of its objects); empty when
@@ -281,7 +298,8 @@ class JovSubscribable {
   std::shared_ptr<JovBucket> bucket_;
 };
 
-/// @brief The subscriber side of push: a user that subscribes to topics and to buckets.
+/// @brief The subscriber side of push: a user or a thing that subscribes to topics and to
+/// buckets.
 ///
 /// The instance forms subscribe the subscriber the instance was made for; the CurrentUser class
 /// forms subscribe whoever is logged in (340 when nobody is). Every form raises
@@ -307,7 +325,12 @@ class JovPushSubscription : public std::enable_shared_from_this<JovPushSubscript
   /// be nil" without a user, and "user must have an ID" for a user without ID.
   static Ptr subscriptionWithUser(const std::shared_ptr<JovUser>& user);
 
-  /// @brief The subscriber's path: "users/ID".
+  /// @brief The subscriptions of a thing ("things/ID"): made by the thing acting with its own
+  /// token, or by one of its owners. Raises std::invalid_argument "thing can not be nil" without
+  /// a thing, and "thing must have an ID" for a thing without ID.
+  static Ptr subscriptionWithThing(const std::shared_ptr<JovThing>& thing);
+
+  /// @brief The subscriber's path: "users/ID" or "things/ID".
   const std::string& subscriberPath() const { return path_; }
 
   /// @name subscribe

@@ -10,6 +10,7 @@
 #include "jov/bucket.hpp"
 #include "jov/group.hpp"
 #include "jov/object.hpp"
+#include "jov/thing.hpp"
 #include "jov/topic.hpp"
 #include "jov/user.hpp"
 
@@ -32,10 +33,16 @@ constexpr const char* kAuthenticated = "ANY_AUTHENTICATED_USER";
 JovACLEntry::JovACLEntry(JovACLSubject subject, JovACLAction action)
     : subject_(std::move(subject)), action_(action) {
   if (action < 0 || action > 9) throw std::invalid_argument("Invalid ACL action");
-  const bool nullSubject = (std::holds_alternative<std::shared_ptr<JovUser>>(subject_) &&
-                            !std::get<std::shared_ptr<JovUser>>(subject_)) ||
-                           (std::holds_alternative<std::shared_ptr<JovGroup>>(subject_) &&
-                            !std::get<std::shared_ptr<JovGroup>>(subject_));
+  const bool nullSubject = std::visit(
+      [](const auto& s) {
+        if constexpr (std::is_same_v<std::decay_t<decltype(s)>, JovAnonymousUser> ||
+                      std::is_same_v<std::decay_t<decltype(s)>, JovAnyAuthenticatedUser>) {
+          return false;
+        } else {
+          return s == nullptr;
+        }
+      },
+      subject_);
   if (nullSubject) throw std::invalid_argument("Invalid ACL subject");
 }
 
@@ -67,6 +74,9 @@ std::string JovACLEntry::entityString() const {
     }
     std::string operator()(const std::shared_ptr<JovGroup>& g) const {
       return "GroupID:" + g->groupID();
+    }
+    std::string operator()(const std::shared_ptr<JovThing>& t) const {
+      return "ThingID:" + t->thingID();
     }
     std::string operator()(JovAnonymousUser) const { return std::string("UserID:") + kAnonymous; }
     std::string operator()(JovAnyAuthenticatedUser) const {

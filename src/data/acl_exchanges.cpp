@@ -8,6 +8,7 @@
 #include "jov/encoding.hpp"
 #include "jov/group.hpp"
 #include "jov/logger.hpp"
+#include "jov/thing.hpp"
 #include "jov/user.hpp"
 
 namespace jov {
@@ -40,10 +41,9 @@ std::optional<JovACLAction> actionNamed(const std::string& name) {
   return std::nullopt;
 }
 
-enum class Subject { Read, Skipped, Unreadable };
+enum class Subject { Read, Unreadable };
 
-// A subject of a listing: {"userID": ...} or {"groupID": ...}. Things are not subjects this
-// library can name yet: such an entry is skipped, with a log line.
+// A subject of a listing: {"userID": ...}, {"groupID": ...} or {"thingID": ...}.
 Subject readSubject(const nlohmann::json& record, std::optional<JovACLSubject>& subject) {
   if (!record.is_object()) return Subject::Unreadable;
   if (auto user = jsonString(record, "userID"); user && !user->empty()) {
@@ -61,8 +61,8 @@ Subject readSubject(const nlohmann::json& record, std::optional<JovACLSubject>& 
     return Subject::Read;
   }
   if (auto thing = jsonString(record, "thingID"); thing && !thing->empty()) {
-    JOV_LOG(JovLogWarning, "An ACL entry of a thing is skipped: " + record.dump());
-    return Subject::Skipped;
+    subject = JovThing::thingWithID(*thing);
+    return Subject::Read;
   }
   return Subject::Unreadable;
 }

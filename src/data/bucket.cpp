@@ -9,6 +9,7 @@
 #include "jov/application.hpp"
 #include "jov/encoding.hpp"
 #include "jov/group.hpp"
+#include "jov/thing.hpp"
 #include "jov/user.hpp"
 #include "jov/validation.hpp"
 
@@ -34,12 +35,21 @@ std::shared_ptr<JovBucket> JovGroup::bucketWithName(const std::string& name) {
 std::shared_ptr<JovBucket> JovGroup::encryptedBucketWithName(const std::string& name) {
   return std::make_shared<JovEncryptedBucket>(JovBucket::Key{}, name, nullptr, self());
 }
+std::shared_ptr<JovBucket> JovThing::bucketWithName(const std::string& name) {
+  return std::make_shared<JovBucket>(JovBucket::Key{}, name, nullptr, nullptr, self());
+}
+std::shared_ptr<JovBucket> JovThing::encryptedBucketWithName(const std::string& name) {
+  return std::make_shared<JovEncryptedBucket>(JovBucket::Key{}, name, nullptr, nullptr, self());
+}
 
 // ------------------------------------------------------------------ names and paths
 
 JovBucket::JovBucket(Key, std::string name, std::shared_ptr<JovUser> user,
-                     std::shared_ptr<JovGroup> group)
-    : name_(std::move(name)), user_(std::move(user)), group_(std::move(group)) {}
+                     std::shared_ptr<JovGroup> group, std::shared_ptr<JovThing> thing)
+    : name_(std::move(name)),
+      user_(std::move(user)),
+      group_(std::move(group)),
+      thing_(std::move(thing)) {}
 
 bool JovBucket::isValidBucketName(const std::optional<std::string>& name) {
   return name && bucketNameIsValid(*name);
@@ -63,6 +73,11 @@ std::optional<std::string> JovBucket::bucketPath() const {
     const std::string& id = group_->groupID();
     if (id.empty()) return std::nullopt;
     return "/groups/" + urlEncode(id) + "/buckets/" + bucketQualifiedName();
+  }
+  if (thing_) {
+    const std::string id = thing_->thingID();
+    if (id.empty()) return std::nullopt;
+    return "/things/" + urlEncode(id) + "/buckets/" + bucketQualifiedName();
   }
   return "/buckets/" + bucketQualifiedName();
 }

@@ -13,6 +13,7 @@
 #include "jov/bucket.hpp"
 #include "jov/encoding.hpp"
 #include "jov/group.hpp"
+#include "jov/thing.hpp"
 #include "jov/logger.hpp"
 #include "jov/user.hpp"
 #include "jov/validation.hpp"
@@ -68,7 +69,8 @@ std::vector<std::string> split(std::string_view text, char separator) {
 // The bucket a qualified name names under a parent: "CRYPTO:" makes an encrypted one.
 std::shared_ptr<JovBucket> parseBucket(const std::string& qualified,
                                        const std::shared_ptr<JovUser>& user,
-                                       const std::shared_ptr<JovGroup>& group) {
+                                       const std::shared_ptr<JovGroup>& group,
+                                       const std::shared_ptr<JovThing>& thing = nullptr) {
   constexpr std::string_view kCrypto = "CRYPTO:";
   const bool encrypted = qualified.starts_with(kCrypto);
   auto name = percentDecode(encrypted ? qualified.substr(kCrypto.size()) : qualified);
@@ -76,6 +78,8 @@ std::shared_ptr<JovBucket> parseBucket(const std::string& qualified,
   if (user) return encrypted ? user->encryptedBucketWithName(*name) : user->bucketWithName(*name);
   if (group)
     return encrypted ? group->encryptedBucketWithName(*name) : group->bucketWithName(*name);
+  if (thing)
+    return encrypted ? thing->encryptedBucketWithName(*name) : thing->bucketWithName(*name);
   return encrypted ? Jov::encryptedBucketWithName(*name) : Jov::bucketWithName(*name);
 }
 
@@ -106,12 +110,17 @@ JovObject::Ptr JovObject::objectWithURI(const std::string& uri) {
   const auto parts = split(std::string_view(uri).substr(kURIPrefix.size()), '/');
   if (parts.size() < 3) return fail();
   std::shared_ptr<JovBucket> bucket;
-  if ((parts[0] == "users" || parts[0] == "groups") && parts.size() == 6 && parts[2] == "buckets" &&
-      parts[4] == "objects" && !parts[1].empty()) {
+  if ((parts[0] == "users" || parts[0] == "groups" || parts[0] == "things") && parts.size() == 6 &&
+      parts[2] == "buckets" && parts[4] == "objects" && !parts[1].empty()) {
     auto parentID = percentDecode(parts[1]);
-    if (!parentID) return fail();
-    bucket = parts[0] == "users" ? parseBucket(parts[3], JovUser::userWithID(*parentID), nullptr)
-                                 : parseBucket(parts[3], nullptr, JovGroup::groupWithID(*parentID));
+    if (!parentID || parentID->empty()) return fail();
+    if (parts[0] == "users") {
+      bucket = parseBucket(parts[3], JovUser::userWithID(*parentID), nullptr);
+    } else if (parts[0] == "groups") {
+      bucket = parseBucket(parts[3], nullptr, JovGroup::groupWithID(*parentID));
+    } else {
+      bucket = parseBucket(parts[3], nullptr, nullptr, JovThing::thingWithID(*parentID));
+    }
   } else if (parts[0] == "buckets" && parts.size() == 4 && parts[2] == "objects") {
     bucket = parseBucket(parts[1], nullptr, nullptr);
   }

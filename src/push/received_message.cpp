@@ -14,6 +14,7 @@
 #include "jov/group.hpp"
 #include "jov/logger.hpp"
 #include "jov/object.hpp"
+#include "jov/thing.hpp"
 #include "jov/topic.hpp"
 #include "jov/user.hpp"
 
@@ -93,10 +94,10 @@ std::shared_ptr<JovUser> JovReceivedMessage::senderUser() const {
   return JovUser::userWithID(*sender);
 }
 
-std::optional<std::string> JovReceivedMessage::senderThingID() const {
+std::shared_ptr<JovThing> JovReceivedMessage::senderThing() const {
   auto sender = text("s");
-  if (!sender || !isThingID(*sender)) return std::nullopt;
-  return sender;
+  if (!sender || !isThingID(*sender)) return nullptr;
+  return JovThing::thingWithID(*sender);
 }
 
 std::shared_ptr<JovUser> JovReceivedMessage::eventSourceUser() const {
@@ -111,24 +112,26 @@ std::shared_ptr<JovGroup> JovReceivedMessage::eventSourceGroup() const {
   return JovGroup::groupWithID(*id);
 }
 
-std::optional<std::string> JovReceivedMessage::eventSourceThingID() const {
+std::shared_ptr<JovThing> JovReceivedMessage::eventSourceThing() const {
   auto id = text("sth");
-  if (!id || id->empty()) return std::nullopt;
-  return id;
+  if (!id || id->empty()) return nullptr;
+  return JovThing::thingWithID(*id);
 }
 
-bool JovReceivedMessage::scopeOwner(std::shared_ptr<JovUser>& user,
-                                    std::shared_ptr<JovGroup>& group) const {
+bool JovReceivedMessage::scopeOwner(Owner& owner) const {
   switch (scope_) {
     case JovMessageScopeApp:
       return true;
     case JovMessageScopeAppAndGroup:
-      group = eventSourceGroup();
-      return group != nullptr;
+      owner.group = eventSourceGroup();
+      return owner.group != nullptr;
     case JovMessageScopeAppAndUser:
-      user = eventSourceUser();
-      return user != nullptr;
-    default:  // no scope, or a thing's: no owner this library can hand out
+      owner.user = eventSourceUser();
+      return owner.user != nullptr;
+    case JovMessageScopeAppAndThing:
+      owner.thing = eventSourceThing();
+      return owner.thing != nullptr;
+    default:
       return false;
   }
 }
@@ -143,12 +146,16 @@ std::shared_ptr<JovBucket> JovReceivedMessage::eventSourceBucket() const {
   // Synchronised buckets are not handed out; neither is a type this library does not know.
   const bool encrypted = upper == "CRYPTO";
   if (!encrypted && upper != "RW") return nullptr;
-  std::shared_ptr<JovUser> user;
-  std::shared_ptr<JovGroup> group;
-  if (!scopeOwner(user, group)) return nullptr;
-  if (user) return encrypted ? user->encryptedBucketWithName(*name) : user->bucketWithName(*name);
-  if (group) {
+  Owner owner;
+  if (!scopeOwner(owner)) return nullptr;
+  if (const auto& user = owner.user) {
+    return encrypted ? user->encryptedBucketWithName(*name) : user->bucketWithName(*name);
+  }
+  if (const auto& group = owner.group) {
     return encrypted ? group->encryptedBucketWithName(*name) : group->bucketWithName(*name);
+  }
+  if (const auto& thing = owner.thing) {
+    return encrypted ? thing->encryptedBucketWithName(*name) : thing->bucketWithName(*name);
   }
   return encrypted ? Jov::encryptedBucketWithName(*name) : Jov::bucketWithName(*name);
 }
@@ -164,12 +171,12 @@ std::shared_ptr<JovObject> JovReceivedMessage::eventSourceObject() const {
 std::shared_ptr<JovTopic> JovReceivedMessage::eventSourceTopic() const {
   auto name = text("to");
   if (!name) return nullptr;
-  std::shared_ptr<JovUser> user;
-  std::shared_ptr<JovGroup> group;
-  if (!scopeOwner(user, group)) return nullptr;
+  Owner owner;
+  if (!scopeOwner(owner)) return nullptr;
   return orNull([&]() -> std::shared_ptr<JovTopic> {
-    if (user) return user->topicWithName(*name);
-    if (group) return group->topicWithName(*name);
+    if (owner.user) return owner.user->topicWithName(*name);
+    if (owner.group) return owner.group->topicWithName(*name);
+    if (owner.thing) return owner.thing->topicWithName(*name);
     return Jov::topicWithName(*name);
   });
 }

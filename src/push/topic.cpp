@@ -9,6 +9,7 @@
 #include "jov/encoding.hpp"
 #include "jov/group.hpp"
 #include "jov/logger.hpp"
+#include "jov/thing.hpp"
 #include "jov/user.hpp"
 #include "jov/validation.hpp"
 
@@ -30,6 +31,12 @@ JovTopic::Ptr JovTopic::topicWithName(const std::shared_ptr<JovGroup>& group,
   return std::make_shared<JovTopic>(Key{}, name, nullptr, group);
 }
 
+JovTopic::Ptr JovTopic::topicWithName(const std::shared_ptr<JovThing>& thing,
+                                      const std::string& name) {
+  if (!thing) throw std::invalid_argument("thing can not be nil");
+  return std::make_shared<JovTopic>(Key{}, name, nullptr, nullptr, thing);
+}
+
 bool JovTopic::isValidName(const std::string& name) {
   return topicIdIsValid(name);
 }
@@ -37,6 +44,7 @@ bool JovTopic::isValidName(const std::string& name) {
 std::string JovTopic::generatePath() const {
   if (user_) return "/users/" + urlEncode(user_->userID()) + "/topics/" + urlEncode(name_);
   if (group_) return "/groups/" + urlEncode(group_->groupID()) + "/topics/" + urlEncode(name_);
+  if (thing_) return "/things/" + urlEncode(thing_->thingID()) + "/topics/" + urlEncode(name_);
   return "/topics/" + urlEncode(name_);
 }
 
@@ -56,6 +64,15 @@ std::optional<JovError> JovTopic::validateOperations() const {
 }
 
 // ------------------------------------------------------------------ the owners' forms
+
+std::shared_ptr<JovTopic> JovThing::topicWithName(const std::string& name) {
+  return JovTopic::topicWithName(self(), name);
+}
+
+Result<JovListResult<std::shared_ptr<JovTopic>>> JovThing::listTopicsSynchronous(
+    std::optional<std::string> paginationKey) {
+  return JovTopic::listTopicsSynchronous(self(), std::move(paginationKey));
+}
 
 std::shared_ptr<JovTopic> Jov::topicWithName(const std::string& name) {
   return JovTopic::topicWithName(name);
@@ -96,6 +113,14 @@ JovPushSubscription::Ptr JovPushSubscription::subscriptionWithUser(
   if (!user) throw std::invalid_argument("user can not be nil");
   if (user->userID().empty()) throw std::invalid_argument("user must have an ID");
   return std::make_shared<JovPushSubscription>(Key{}, "users/" + urlEncode(user->userID()));
+}
+
+JovPushSubscription::Ptr JovPushSubscription::subscriptionWithThing(
+    const std::shared_ptr<JovThing>& thing) {
+  if (!thing) throw std::invalid_argument("thing can not be nil");
+  const std::string id = thing->thingID();
+  if (id.empty()) throw std::invalid_argument("thing must have an ID");
+  return std::make_shared<JovPushSubscription>(Key{}, "things/" + urlEncode(id));
 }
 
 }  // namespace jov

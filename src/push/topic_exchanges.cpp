@@ -5,6 +5,7 @@
 #include "jov/application.hpp"
 #include "jov/encoding.hpp"
 #include "jov/group.hpp"
+#include "jov/thing.hpp"
 #include "jov/topic.hpp"
 #include "jov/user.hpp"
 #include "push/subscriber.hpp"
@@ -85,7 +86,12 @@ constexpr Exchange kList{JovMethodGet, "{+}", {.errors = kListErrors}};
 // The list path of an owner: "/users/ID/topics", "/groups/ID/topics" or "/topics"; empty for an
 // owner without ID.
 std::string topicBaseURI(const std::shared_ptr<JovUser>& user,
-                         const std::shared_ptr<JovGroup>& group) {
+                         const std::shared_ptr<JovGroup>& group,
+                         const std::shared_ptr<JovThing>& thing) {
+  if (thing) {
+    const std::string id = thing->thingID();
+    return id.empty() ? "" : "/things/" + urlEncode(id) + "/topics";
+  }
   if (user) return user->userID().empty() ? "" : "/users/" + urlEncode(user->userID()) + "/topics";
   if (group) {
     return group->groupID().empty() ? "" : "/groups/" + urlEncode(group->groupID()) + "/topics";
@@ -97,7 +103,8 @@ std::string topicBaseURI(const std::shared_ptr<JovUser>& user,
 // refuses the whole answer rather than handing back a shorter page that looks complete.
 Result<JovTopic::Page> readTopicPage(const nlohmann::json& answer,
                                      const std::shared_ptr<JovUser>& user,
-                                     const std::shared_ptr<JovGroup>& group) {
+                                     const std::shared_ptr<JovGroup>& group,
+                                     const std::shared_ptr<JovThing>& thing) {
   if (!answer.is_object()) return detail::unreadableAnswer();
   const auto topics = answer.find("topics");
   if (topics == answer.end() || !topics->is_array()) return detail::unreadableAnswer();
@@ -116,6 +123,8 @@ Result<JovTopic::Page> readTopicPage(const nlohmann::json& answer,
       page.results.push_back(JovTopic::topicWithName(user, *name));
     } else if (group) {
       page.results.push_back(JovTopic::topicWithName(group, *name));
+    } else if (thing) {
+      page.results.push_back(JovTopic::topicWithName(thing, *name));
     } else {
       page.results.push_back(JovTopic::topicWithName(*name));
     }
@@ -243,16 +252,17 @@ Routine<bool> JovPushSubscription::isSubscribedRoutine(const Subscribable& subsc
 
 Routine<JovTopic::Page> JovTopic::listRoutine(std::shared_ptr<JovUser> user,
                                               std::shared_ptr<JovGroup> group,
-                                              std::optional<std::string> paginationKey) {
+                                              std::optional<std::string> paginationKey,
+                                              std::shared_ptr<JovThing> thing) {
   auto current = Jov::currentUser();
   JOV_CO_REQUIRE(current && !current->userID().empty(), JovError::codeLoginRequired());
-  std::string base = topicBaseURI(user, group);
+  std::string base = topicBaseURI(user, group, thing);
   JOV_CO_REQUIRE(!base.empty(), JovError::codeInvalidObjects());
   detail::SendArgs sendArgs = args(base);
   if (paginationKey) sendArgs.query_ = "paginationKey=" + urlEncode(*paginationKey);
   auto answer = co_await send(kList, std::move(sendArgs));
   if (!answer) co_return answer.error();
-  co_return readTopicPage(answer->json, user, group);
+  co_return readTopicPage(answer->json, user, group, thing);
 }
 
 }  // namespace jov

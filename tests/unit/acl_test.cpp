@@ -111,7 +111,8 @@ TEST_F(ACLTest, ListingReadsEverySubjectKind) {
     tokens.push_back(e->entityString());
   }
   EXPECT_EQ(tokens, (std::vector<std::string>{"UserID:u2", "UserID:ANONYMOUS_USER",
-                                              "UserID:ANY_AUTHENTICATED_USER", "GroupID:g1"}));
+                                              "UserID:ANY_AUTHENTICATED_USER", "GroupID:g1",
+                                              "ThingID:t1"}));
   const int unreadable = JovError::codeUnableToParseResponse();
   auto list = [&] { return acl->listACLEntriesSynchronous().errorIfAny(); };
   jovtest::checkAnswers(

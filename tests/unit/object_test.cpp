@@ -5,6 +5,7 @@
 #include "fake_transport.hpp"
 #include "jov/bucket.hpp"
 #include "jov/group.hpp"
+#include "jov/thing.hpp"
 
 namespace jov {
 namespace {
@@ -236,8 +237,12 @@ TEST_F(ObjectTest, URIsAndPaths) {
   auto app = JovObject::objectWithURI("jovcloud://buckets/b/objects/o");
   ASSERT_TRUE(app);
   EXPECT_FALSE(app->bucket()->user() || app->bucket()->group());
+  auto ofThing = JovObject::objectWithURI("jovcloud://things/th.1/buckets/log/objects/o");
+  ASSERT_TRUE(ofThing);
+  EXPECT_EQ(ofThing->bucket()->thing()->thingID(), "th.1");
+  EXPECT_EQ(ofThing->objectURI(), "jovcloud://things/th.1/buckets/log/objects/o");
   for (const char* bad : {"jovcloud://users/u/buckets/b", "jovcloud://buckets/b/objects",
-                          "jovcloud://things/t/buckets/b/objects/o", "http://buckets/b/objects/o",
+                          "jovcloud://things//buckets/b/objects/o", "http://buckets/b/objects/o",
                           "jovcloud://buckets/b/things/o", "jovcloud://buckets/b/objects/%zz"})
     EXPECT_FALSE(JovObject::objectWithURI(bad)) << bad;
   EXPECT_FALSE(Jov::bucketWithName("b")->createObject()->objectURI());

@@ -8,6 +8,7 @@
 #include "jov/group.hpp"
 #include "jov/push_message.hpp"
 #include "jov/received_message.hpp"
+#include "jov/thing.hpp"
 #include "jov/topic.hpp"
 
 namespace jov {
@@ -248,7 +249,7 @@ TEST(ReceivedMessageTest, ScopesSendersAndEntities) {
        {"oi", "o1"}, {"to", "t1"}, {"w", 5}, {"aps", {{"alert", "hello"}}}});
   EXPECT_EQ(message.messageScope(), JovMessageScopeAppAndGroup);
   EXPECT_EQ(message.senderUser()->userID(), "u1");
-  EXPECT_FALSE(message.senderThingID().has_value());
+  EXPECT_EQ(message.senderThing(), nullptr);
   EXPECT_EQ(message.getValueOfJovMessageField(JovMessageFieldWhen), json(5));
   EXPECT_FALSE(message.getValueOfJovMessageField(15).has_value());
   EXPECT_FALSE(message.getValueOfJovMessageField(JovMessageFieldAppID).has_value());
@@ -287,11 +288,19 @@ TEST(ReceivedMessageTest, ScopesSendersAndEntities) {
   EXPECT_EQ(odd.messageScope(), JovMessageScopeApp);
   EXPECT_EQ(odd.eventSourceTopic()->generatePath(), "/topics/t");
 
-  // Things are named by their IDs.
-  auto fromThing = JovReceivedMessage::messageFromAPNS({{"s", "th.1"}, {"sth", "th.2"}});
+  // A sender ID starting with "th" is a thing; a thing's scope owns buckets and topics.
+  auto fromThing = JovReceivedMessage::messageFromAPNS({{"s", "th.1"},
+                                                        {"st", "APP_AND_THING"},
+                                                        {"sth", "th.2"},
+                                                        {"bi", "log"},
+                                                        {"bt", "RW"},
+                                                        {"to", "alarms"}});
   EXPECT_EQ(fromThing.senderUser(), nullptr);
-  EXPECT_EQ(fromThing.senderThingID(), "th.1");
-  EXPECT_EQ(fromThing.eventSourceThingID(), "th.2");
+  EXPECT_EQ(fromThing.senderThing()->thingID(), "th.1");
+  EXPECT_EQ(fromThing.messageScope(), JovMessageScopeAppAndThing);
+  EXPECT_EQ(fromThing.eventSourceThing()->thingID(), "th.2");
+  EXPECT_EQ(fromThing.eventSourceBucket()->bucketPath(), "/things/th.2/buckets/log");
+  EXPECT_EQ(fromThing.eventSourceTopic()->generatePath(), "/things/th.2/topics/alarms");
 
   // Alert bodies; forged values of the wrong type or invalid names yield nothing.
   EXPECT_EQ(JovReceivedMessage::messageFromAPNS({{"aps", {{"alert", {{"title", "t"}}}}}})
