@@ -46,7 +46,8 @@ json fieldsOf(const BucketArgs& args) {
     fields = json::parse(input, nullptr, false);
     if (!fields.is_object()) throw usageError("the fields must be a JSON object");
   }
-  for (auto& [key, value] : assignments(args.set).items()) fields[key] = std::move(value);
+  json assigned = assignments(args.set);
+  for (auto& [key, value] : assigned.items()) fields[key] = std::move(value);
   return fields;
 }
 

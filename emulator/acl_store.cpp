@@ -23,6 +23,8 @@ std::optional<std::string> scopeSubject(const BucketScope& scope) {
       return userSubject(scope.ownerID);
     case ScopeKind::Group:
       return groupSubject(scope.ownerID);
+    case ScopeKind::Thing:
+      return "ThingID:" + scope.ownerID;
     case ScopeKind::App:
       break;
   }
@@ -51,6 +53,10 @@ std::optional<bool> isBucketAction(const std::string& action) {
   }
   if (action == kReadObject || action == kWriteObject) return false;
   return std::nullopt;
+}
+
+bool Requester::speaksFor(const std::string& subject) const {
+  return std::find(subjects.begin(), subjects.end(), subject) != subjects.end();
 }
 
 Requester requesterFor(Connection& conn, const std::string& appID,

@@ -41,11 +41,18 @@ inline constexpr const char* kAuthenticatedSubject = "UserID:ANY_AUTHENTICATED_U
 /// is no action of either.
 std::optional<bool> isBucketAction(const std::string& action);
 
-/// @brief The caller of a request: a user, or anonymous.
+/// @brief The caller of a request: a user, a thing acting with its own token, or anonymous.
 struct Requester {
   std::optional<UserRow> user;
-  /// Every subject the caller speaks for, its groups included.
+  /// Every subject the caller speaks for, its groups included; a thing's owner also speaks for
+  /// the thing in the thing's own scope.
   std::vector<std::string> subjects;
+  std::optional<std::string> thingID;  ///< set for a thing
+
+  bool anonymous() const { return !user && !thingID; }
+  /// The caller's ID: the user's or the thing's; empty when anonymous.
+  std::string id() const { return user ? user->userID : thingID.value_or(""); }
+  bool speaksFor(const std::string& subject) const;
 };
 Requester requesterFor(Connection& conn, const std::string& appID,
                        const std::optional<UserRow>& user);

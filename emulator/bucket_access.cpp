@@ -2,6 +2,7 @@
 
 #include "api_error.hpp"
 #include "group_store.hpp"
+#include "thing_store.hpp"
 
 namespace jovemu {
 
@@ -17,15 +18,35 @@ constexpr ScopeRoute kScopeRoutes[] = {
     {ScopeKind::App, "", false},
     {ScopeKind::User, "/users/{}", true},
     {ScopeKind::Group, "/groups/{}", true},
+    {ScopeKind::Thing, "/things/{}", true},
 };
 
-std::optional<UserRow> optionalCaller(const Service& service, const Call& call, Connection& conn,
-                                      const std::string& appID) {
-  if (!call.header("Authorization")) return std::nullopt;
-  return service.requireUser(call, conn, appID);
+}  // namespace
+
+Requester requesterOf(const Service& service, const Call& call, Connection& conn,
+                      const std::string& appID) {
+  if (!call.header("Authorization")) return requesterFor(conn, appID, std::nullopt);
+  if (auto token = call.bearerToken()) {
+    if (auto thingID = thingOfToken(conn, appID, *token)) {
+      // A thing speaks for itself, and as any caller with a valid token.
+      return {std::nullopt, {kAnonymousSubject, kAuthenticatedSubject, "ThingID:" + *thingID},
+              *thingID};
+    }
+  }
+  return requesterFor(conn, appID, service.requireUser(call, conn, appID));
 }
 
-}  // namespace
+void enterThingScope(Connection& conn, const std::string& appID, const std::string& thingID,
+                     Requester& requester) {
+  const std::string subject = "ThingID:" + thingID;
+  if (requester.speaksFor(subject)) return;
+  for (const auto& owner : thingOwners(conn, appID, thingID)) {
+    if (requester.speaksFor(owner)) {
+      requester.subjects.push_back(subject);
+      return;
+    }
+  }
+}
 
 void addBucketRoute(Router& router, Service& service, const std::string& method,
                     const std::string& suffix, BucketHandler handler) {
@@ -49,8 +70,8 @@ void addBucketRoute(Router& router, Service& service, const std::string& method,
 
 BucketContext openBucketContext(const Service& service, const Call& call, Connection& conn,
                                 const std::string& appID, const BucketAddress& address) {
-  auto caller = optionalCaller(service, call, conn, appID);
-  BucketContext context{requesterFor(conn, appID, caller), {address.kind, {}}};
+  BucketContext context{requesterOf(service, call, conn, appID), {address.kind, {}}};
+  const auto& caller = context.requester.user;
   switch (address.kind) {
     case ScopeKind::User:
       if (address.owner == "me") {
@@ -64,6 +85,13 @@ BucketContext openBucketContext(const Service& service, const Call& call, Connec
     case ScopeKind::Group:
       if (!findGroup(conn, appID, address.owner)) throw groupNotFound();
       context.scope.ownerID = address.owner;
+      break;
+    case ScopeKind::Thing:
+      if (!findThing(conn, appID, address.owner)) {
+        throw ApiError(404, "THING_NOT_FOUND", "The thing was not found");
+      }
+      context.scope.ownerID = address.owner;
+      enterThingScope(conn, appID, address.owner, context.requester);
       break;
     case ScopeKind::App:
       break;
@@ -80,13 +108,16 @@ BucketRow existingBucket(Connection& conn, const std::string& appID, const Bucke
 
 void requireAllowed(bool allowed, const Requester& requester, const std::string& what) {
   if (allowed) return;
-  if (!requester.user)
+  if (requester.anonymous())
     throw ApiError(401, "UNAUTHORIZED", "An access token is required to " + what);
   throw forbidden("The access control list does not allow the caller to " + what);
 }
 
 bool managesBucket(Connection& conn, const std::string& appID, const BucketRow& bucket,
                    const Requester& requester) {
+  if (bucket.scope.kind == ScopeKind::Thing) {
+    return requester.speaksFor("ThingID:" + bucket.scope.ownerID);
+  }
   if (!requester.user) return false;
   const std::string& caller = requester.user->userID;
   switch (bucket.scope.kind) {
@@ -97,6 +128,7 @@ bool managesBucket(Connection& conn, const std::string& appID, const BucketRow& 
       return group && group->owner == caller;
     }
     case ScopeKind::App:
+    case ScopeKind::Thing:
       break;
   }
   return bucket.creator == caller;

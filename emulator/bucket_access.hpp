@@ -28,16 +28,25 @@ struct BucketContext {
 };
 
 /// @brief A route under every bucket scope: "/buckets/{}", "/users/{}/buckets/{}",
-/// "/groups/{}/buckets/{}", each followed by `suffix`. The bucket name is checked (400) before
+/// "/groups/{}/buckets/{}", "/things/{}/buckets/{}", each followed by `suffix`. The bucket name is checked (400) before
 /// the handler runs.
 using BucketHandler =
     std::function<void(Call&, const std::string& appID, const BucketAddress& address)>;
 void addBucketRoute(Router& router, Service& service, const std::string& method,
                     const std::string& suffix, BucketHandler handler);
 
-/// @brief The caller (a bearer token makes it a user; none, anonymous) and the owner of the
-/// bucket: 404 USER_NOT_FOUND / GROUP_NOT_FOUND when the owner does not exist, 401 for "me"
-/// without a token.
+/// @brief The caller of a request: anonymous without a token, a thing for a thing's token, else
+/// the user of the token (401 / 403 WRONG_TOKEN for a token that is not valid).
+Requester requesterOf(const Service& service, const Call& call, Connection& conn,
+                      const std::string& appID);
+/// @brief In a thing's scope, an owner of the thing (itself or through a group) speaks for the
+/// thing too: adds "ThingID:ID" to the caller's subjects.
+void enterThingScope(Connection& conn, const std::string& appID, const std::string& thingID,
+                     Requester& requester);
+
+/// @brief The caller (see requesterOf) and the owner of the bucket: 404 USER_NOT_FOUND /
+/// GROUP_NOT_FOUND / THING_NOT_FOUND when the owner does not exist, 401 for "me" without a
+/// token.
 BucketContext openBucketContext(const Service& service, const Call& call, Connection& conn,
                                 const std::string& appID, const BucketAddress& address);
 
@@ -50,7 +59,8 @@ BucketRow existingBucket(Connection& conn, const std::string& appID, const Bucke
 void requireAllowed(bool allowed, const Requester& requester, const std::string& what);
 
 /// @brief Whether the caller manages the bucket's ACL: the user of a user's bucket, the owner of
-/// a group's bucket's group, the creator of an application bucket.
+/// a group's bucket's group, a thing and its owners for the thing's buckets, the creator of an
+/// application bucket.
 bool managesBucket(Connection& conn, const std::string& appID, const BucketRow& bucket,
                    const Requester& requester);
 

@@ -1,6 +1,7 @@
 #include "group_store.hpp"
 
 #include "acl_store.hpp"
+#include "push_store.hpp"
 #include "thing_store.hpp"
 
 namespace jovemu {
@@ -51,6 +52,7 @@ void deleteGroup(Connection& conn, const std::string& appID, const std::string& 
   dropScopeBuckets(conn, appID, ScopeKind::Group, groupID);
   forgetSubject(conn, appID, "GroupID:" + groupID);
   forgetThingOwner(conn, appID, "GroupID:" + groupID);
+  dropScopeTopics(conn, appID, {ScopeKind::Group, groupID});
   {
     auto stmt = conn.prepare("DELETE FROM group_members WHERE app_id = ?1 AND group_id = ?2");
     stmt.bind(1, appID).bind(2, groupID);

@@ -34,6 +34,7 @@ BucketRow readBucket(const Statement& row, const std::string& appID) {
   std::string scope = row.textOr(1);
   bucket.scope.kind = scope == "user"    ? ScopeKind::User
                       : scope == "group" ? ScopeKind::Group
+                      : scope == "thing" ? ScopeKind::Thing
                                          : ScopeKind::App;
   bucket.scope.ownerID = row.textOr(2);
   bucket.name = row.textOr(3);
@@ -67,6 +68,8 @@ const char* scopeWord(ScopeKind kind) {
       return "user";
     case ScopeKind::Group:
       return "group";
+    case ScopeKind::Thing:
+      return "thing";
     case ScopeKind::App:
       break;
   }

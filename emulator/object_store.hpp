@@ -16,16 +16,15 @@
 
 namespace jovemu {
 
-/// @brief Who a bucket belongs to. A new scope (things) is one more value and one more case in
-/// scopeWord() and in the routes' scope resolution.
-enum class ScopeKind { App, User, Group };
+/// @brief Who a bucket (or a topic) belongs to.
+enum class ScopeKind { App, User, Group, Thing };
 
-/// @brief "app", "user" or "group": the word stored with the bucket.
+/// @brief "app", "user", "group" or "thing": the word stored with the bucket.
 const char* scopeWord(ScopeKind kind);
 
 struct BucketScope {
   ScopeKind kind = ScopeKind::App;
-  std::string ownerID;  ///< the user or group ID; empty for the application scope
+  std::string ownerID;  ///< the user, group or thing ID; empty for the application scope
 };
 
 struct BucketRow {

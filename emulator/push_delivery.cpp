@@ -25,6 +25,8 @@ const char* scopeText(ScopeKind kind) {
       return "APP_AND_USER";
     case ScopeKind::Group:
       return "APP_AND_GROUP";
+    case ScopeKind::Thing:
+      return "APP_AND_THING";
     case ScopeKind::App:
       break;
   }
@@ -37,6 +39,7 @@ void putScope(nlohmann::json& keys, const std::string& appID, const BucketScope&
   keys["st"] = scopeText(scope.kind);
   if (scope.kind == ScopeKind::User) keys["su"] = scope.ownerID;
   if (scope.kind == ScopeKind::Group) keys["sg"] = scope.ownerID;
+  if (scope.kind == ScopeKind::Thing) keys["sth"] = scope.ownerID;
 }
 
 // A "send" switch of a message: absent means on.

@@ -109,6 +109,27 @@ void deleteSubscription(Connection& conn, const std::string& appID, const TopicK
   stmt.run();
 }
 
+void dropScopeTopics(Connection& conn, const std::string& appID, const BucketScope& scope) {
+  for (const char* table : {"push_subscriptions", "push_topic_acl", "push_topics"}) {
+    auto stmt = conn.prepare(std::string("DELETE FROM ") + table +
+                             " WHERE app_id = ?1 AND scope = ?2 AND owner = ?3");
+    stmt.bind(1, appID).bind(2, scopeWord(scope.kind)).bind(3, scope.ownerID);
+    stmt.run();
+  }
+}
+
+void forgetSubscriber(Connection& conn, const std::string& appID, const std::string& subscriber) {
+  auto stmt =
+      conn.prepare("DELETE FROM push_subscriptions WHERE app_id = ?1 AND subscriber = ?2");
+  stmt.bind(1, appID).bind(2, subscriber);
+  stmt.run();
+  auto buckets = conn.prepare(
+      "DELETE FROM push_bucket_subscriptions WHERE subscriber = ?1 AND bucket_key IN "
+      "(SELECT bucket_key FROM buckets WHERE app_id = ?2)");
+  buckets.bind(1, subscriber).bind(2, appID);
+  buckets.run();
+}
+
 std::vector<std::string> topicSubscribers(Connection& conn, const std::string& appID,
                                           const TopicKey& key) {
   auto stmt = conn.prepare(

@@ -63,6 +63,12 @@ void insertSubscription(Connection& conn, const std::string& appID, const TopicK
 void deleteSubscription(Connection& conn, const std::string& appID, const TopicKey& key,
                         const std::string& subscriber);
 
+/// @brief Removes every topic of a scope (its owner is gone), with their subscriptions and
+/// lists.
+void dropScopeTopics(Connection& conn, const std::string& appID, const BucketScope& scope);
+/// @brief Ends every subscription of a subscriber ("users/ID", "things/ID") that is gone.
+void forgetSubscriber(Connection& conn, const std::string& appID, const std::string& subscriber);
+
 /// @brief The subscribers ("users/ID") of a topic, oldest first.
 std::vector<std::string> topicSubscribers(Connection& conn, const std::string& appID,
                                           const TopicKey& key);

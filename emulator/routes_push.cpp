@@ -40,6 +40,7 @@
 #include "push_delivery.hpp"
 #include "push_store.hpp"
 #include "service.hpp"
+#include "thing_store.hpp"
 
 namespace jovemu {
 
@@ -142,24 +143,70 @@ void addTopicRoute(Router& router, Service& service, const std::string& method,
               [handler](Call& call, const std::string& app) {
                 handler(call, app, ScopeKind::Group, call.param(1), 2);
               });
+  addApiRoute(router, service, method, "/things/{}/topics" + suffix,
+              [handler](Call& call, const std::string& app) {
+                handler(call, app, ScopeKind::Thing, call.param(1), 2);
+              });
 }
 
-// The caller and the topic scope of a request; 404 when the owner does not exist.
+// The caller (a user, or a thing with its own token) and the topic scope of a request; 401
+// without a token, 404 when the owner does not exist.
 struct TopicContext {
-  UserRow caller;
+  Requester caller;
   BucketScope scope;
 };
 
 TopicContext openTopicContext(const Service& service, const Call& call, Connection& conn,
                               const std::string& appID, ScopeKind kind, const std::string& owner) {
-  TopicContext context{service.requireUser(call, conn, appID), {kind, {}}};
-  if (kind == ScopeKind::User) {
-    context.scope.ownerID = resolveUserPath(conn, appID, owner, context.caller).userID;
-  } else if (kind == ScopeKind::Group) {
-    if (!findGroup(conn, appID, owner)) throw groupNotFound();
-    context.scope.ownerID = owner;
+  TopicContext context{requesterOf(service, call, conn, appID), {kind, {}}};
+  if (context.caller.anonymous()) {
+    throw ApiError(401, "UNAUTHORIZED", "An access token is required");
+  }
+  switch (kind) {
+    case ScopeKind::User:
+      if (owner == "me" && !context.caller.user) throw forbidden("A thing has no user scope");
+      context.scope.ownerID = owner == "me" ? context.caller.user->userID : owner;
+      if (!findUser(conn, appID, context.scope.ownerID)) throw userNotFound();
+      break;
+    case ScopeKind::Group:
+      if (!findGroup(conn, appID, owner)) throw groupNotFound();
+      context.scope.ownerID = owner;
+      break;
+    case ScopeKind::Thing:
+      if (!findThing(conn, appID, owner)) {
+        throw ApiError(404, "THING_NOT_FOUND", "The thing was not found");
+      }
+      context.scope.ownerID = owner;
+      enterThingScope(conn, appID, owner, context.caller);
+      break;
+    case ScopeKind::App:
+      break;
   }
   return context;
+}
+
+// The subscriber a path names ("users/ID" or "things/ID"): only the caller itself, or a thing
+// its owner speaks for; 404 when it does not exist.
+std::string subscriberPath(Connection& conn, const std::string& appID, const std::string& kind,
+                           const std::string& id, const Requester& caller) {
+  if (kind != "users" && kind != "things") {
+    throw invalidInput("A subscriber is users/<id> or things/<id>");
+  }
+  if (kind == "users") {
+    const std::string userID = id == "me" && caller.user ? caller.user->userID : id;
+    if (!findUser(conn, appID, userID)) throw userNotFound();
+    if (!caller.user || caller.user->userID != userID) {
+      throw forbidden("A user subscribes only itself");
+    }
+    return "users/" + userID;
+  }
+  if (!findThing(conn, appID, id)) throw ApiError(404, "THING_NOT_FOUND", "The thing was not found");
+  Requester speaker = caller;
+  enterThingScope(conn, appID, id, speaker);
+  if (!speaker.speaksFor("ThingID:" + id)) {
+    throw forbidden("A thing is subscribed by itself or its owners");
+  }
+  return "things/" + id;
 }
 
 bool isMember(Connection& conn, const std::string& appID, const std::string& groupID,
@@ -173,7 +220,7 @@ bool isMember(Connection& conn, const std::string& appID, const std::string& gro
 // Creating, listing and subscribing: anybody in the application scope, the user in its own, the
 // members in a group's.
 void requireUse(Connection& conn, const std::string& appID, const TopicContext& context) {
-  const std::string& caller = context.caller.userID;
+  const std::string caller = context.caller.id();
   switch (context.scope.kind) {
     case ScopeKind::App:
       return;
@@ -183,16 +230,21 @@ void requireUse(Connection& conn, const std::string& appID, const TopicContext& 
     case ScopeKind::Group:
       if (isMember(conn, appID, context.scope.ownerID, caller)) return;
       throw forbidden("Only the members of the group may use its topics");
+    case ScopeKind::Thing:
+      if (context.caller.speaksFor("ThingID:" + context.scope.ownerID)) return;
+      throw forbidden("Only the thing and its owners may use its topics");
   }
 }
 
 // The manager of a topic deletes it and changes its access control list.
 bool managesTopic(Connection& conn, const std::string& appID, const TopicContext& context,
                   const TopicRow& topic) {
-  const std::string& caller = context.caller.userID;
+  const std::string caller = context.caller.id();
   switch (context.scope.kind) {
     case ScopeKind::App:
       return topic.creator == caller;
+    case ScopeKind::Thing:
+      return context.caller.speaksFor("ThingID:" + context.scope.ownerID);
     case ScopeKind::User:
       return context.scope.ownerID == caller;
     case ScopeKind::Group: {
@@ -218,18 +270,21 @@ std::vector<AclEntry> defaultTopicEntries(const BucketScope& scope, const std::s
     case ScopeKind::Group:
       return {{kSubscribeToTopic, "GroupID:" + scope.ownerID},
               {kSendToTopic, "GroupID:" + scope.ownerID}};
+    case ScopeKind::Thing:
+      return {{kSubscribeToTopic, "ThingID:" + scope.ownerID},
+              {kSendToTopic, "ThingID:" + scope.ownerID}};
     case ScopeKind::App:
       break;
   }
-  return {{kSubscribeToTopic, kAuthenticatedSubject}, {kSendToTopic, "UserID:" + creator}};
+  const std::string sender = creator.rfind("th.", 0) == 0 ? "ThingID:" : "UserID:";
+  return {{kSubscribeToTopic, kAuthenticatedSubject}, {kSendToTopic, sender + creator}};
 }
 
 // Subscribing and sending: the manager, or a subject the topic's list grants the action.
 void requireTopicRight(Connection& conn, const std::string& appID, const TopicContext& context,
                        const TopicRow& topic, const char* action) {
   if (managesTopic(conn, appID, context, topic)) return;
-  const auto requester = requesterFor(conn, appID, context.caller);
-  if (isAllowed(topicEntries(conn, appID, topic.key), action, requester)) return;
+  if (isAllowed(topicEntries(conn, appID, topic.key), action, context.caller)) return;
   throw forbidden(std::string("The caller lacks ") + action + " on this topic");
 }
 
@@ -252,9 +307,9 @@ void addTopicRoutes(Router& router, Service& service) {
                     if (findTopic(conn, app, key)) {
                       throw ApiError(409, "TOPIC_ALREADY_EXISTS", "The topic exists already");
                     }
-                    insertTopic(conn, app, {key, context.caller.userID, Service::now()});
+                    insertTopic(conn, app, {key, context.caller.id(), Service::now()});
                     for (const auto& entry :
-                         defaultTopicEntries(context.scope, context.caller.userID)) {
+                         defaultTopicEntries(context.scope, context.caller.id())) {
                       grantTopicEntry(conn, app, key, entry);
                     }
                   });
@@ -323,9 +378,11 @@ void changeSubscription(Service& service, Call& call, const std::string& app, Sc
     auto context = openTopicContext(service, call, conn, app, kind, owner);
     TopicKey key{context.scope, name};
     auto topic = existingTopic(conn, app, key);
-    auto subscriber = requireSelf(conn, app, call.param(next + 1), context.caller);
-    if (change == SubscriptionChange::Add) requireTopicRight(conn, app, context, topic, kSubscribeToTopic);
-    const std::string path = "users/" + subscriber.userID;
+    const std::string path =
+        subscriberPath(conn, app, call.param(next + 1), call.param(next + 2), context.caller);
+    if (change == SubscriptionChange::Add) {
+      requireTopicRight(conn, app, context, topic, kSubscribeToTopic);
+    }
     const bool exists = hasSubscription(conn, app, key, path);
     switch (change) {
       case SubscriptionChange::Add:
@@ -352,7 +409,7 @@ void changeSubscription(Service& service, Call& call, const std::string& app, Sc
 }
 
 void addSubscriptionRoutes(Router& router, Service& service) {
-  const std::string suffix = "/{}/push/subscriptions/users/{}";
+  const std::string suffix = "/{}/push/subscriptions/{}/{}";
   const std::pair<const char*, SubscriptionChange> methods[] = {
       {"PUT", SubscriptionChange::Add},
       {"DELETE", SubscriptionChange::Remove},
@@ -382,7 +439,7 @@ void addMessageRoutes(Router& router, Service& service) {
                     auto context = openTopicContext(service, call, conn, app, kind, owner);
                     auto topic = existingTopic(conn, app, {context.scope, name});
                     requireTopicRight(conn, app, context, topic, kSendToTopic);
-                    deliverTopicMessage(conn, app, topic.key, context.caller.userID, body,
+                    deliverTopicMessage(conn, app, topic.key, context.caller.id(), body,
                                         Service::now());
                   });
                   call.reply(200, {{"pushMessageID", randomHex(12)}});
@@ -438,11 +495,13 @@ void changeBucketSubscription(Service& service, Call& call, const std::string& a
   service.db.transaction([&](Connection& conn) {
     auto context = openBucketContext(service, call, conn, app, address);
     const auto& requester = context.requester;
-    if (!requester.user) throw ApiError(401, "UNAUTHORIZED", "A subscriber must be logged in");
-    auto subscriber = requireSelf(conn, app, call.param(address.next), *requester.user);
+    if (requester.anonymous()) {
+      throw ApiError(401, "UNAUTHORIZED", "A subscriber must be logged in");
+    }
+    const std::string path = subscriberPath(conn, app, call.param(address.next),
+                                            call.param(address.next + 1), requester);
     auto bucket = findBucket(conn, app, context.scope, address.name);
     if (!bucket) throw ApiError(404, "FILTER_NOT_FOUND", "The bucket has no such filter");
-    const std::string path = "users/" + subscriber.userID;
     const bool exists = hasBucketSubscription(conn, bucket->key, path);
     switch (change) {
       case SubscriptionChange::Add:
@@ -477,7 +536,7 @@ void addBucketSubscriptionRoutes(Router& router, Service& service) {
       {"GET", SubscriptionChange::Check},
   };
   for (const auto& [method, change] : methods) {
-    addBucketRoute(router, service, method, "/filters/all/push/subscriptions/users/{}",
+    addBucketRoute(router, service, method, "/filters/all/push/subscriptions/{}/{}",
                    [&service, change = change](Call& call, const std::string& app,
                                                const BucketAddress& address) {
                      changeBucketSubscription(service, call, app, address, change);

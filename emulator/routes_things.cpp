@@ -26,8 +26,10 @@
 
 #include "acl_store.hpp"
 #include "api_error.hpp"
+#include "bucket_access.hpp"
 #include "crypto.hpp"
 #include "group_store.hpp"
+#include "push_store.hpp"
 #include "service.hpp"
 #include "thing_store.hpp"
 
@@ -98,23 +100,14 @@ nlohmann::json record(const ThingRow& thing) {
   return out;
 }
 
-// Who calls: a user, or a thing acting with its own token.
-struct ThingCaller {
-  Requester requester;  // a thing speaks only for "ThingID:ID"
-  std::string thingID;  // set for a thing
-
-  const std::optional<UserRow>& user() const { return requester.user; }
-};
+// Who calls: a user, or a thing acting with its own token; 401 without a token.
+using ThingCaller = Requester;
 
 ThingCaller openCaller(const Service& service, const Call& call, Connection& conn,
                        const std::string& appID) {
-  if (auto token = call.bearerToken()) {
-    if (auto thingID = thingOfToken(conn, appID, *token)) {
-      return {{std::nullopt, {"ThingID:" + *thingID}}, *thingID};
-    }
-  }
-  auto user = service.requireUser(call, conn, appID);
-  return {requesterFor(conn, appID, user), {}};
+  auto caller = requesterOf(service, call, conn, appID);
+  if (caller.anonymous()) throw ApiError(401, "UNAUTHORIZED", "An access token is required");
+  return caller;
 }
 
 ThingRow addressedThing(Connection& conn, const std::string& appID, const std::string& segment) {
@@ -132,7 +125,7 @@ ThingRow addressedThing(Connection& conn, const std::string& appID, const std::s
 bool ownedBy(Connection& conn, const std::string& appID, const ThingRow& thing,
              const ThingCaller& caller) {
   const auto owners = thingOwners(conn, appID, thing.thingID);
-  for (const auto& subject : caller.requester.subjects) {
+  for (const auto& subject : caller.subjects) {
     if (std::find(owners.begin(), owners.end(), subject) != owners.end()) return true;
   }
   return false;
@@ -362,6 +355,11 @@ void addThingRoutes(Router& router, Service& service) {
                   if (!ownedBy(conn, app, thing, caller)) {
                     throw forbidden("Only the thing's owners may delete it");
                   }
+                  // Its buckets, topics, grants and subscriptions go with it.
+                  dropScopeBuckets(conn, app, ScopeKind::Thing, thing.thingID);
+                  dropScopeTopics(conn, app, {ScopeKind::Thing, thing.thingID});
+                  forgetSubject(conn, app, "ThingID:" + thing.thingID);
+                  forgetSubscriber(conn, app, "things/" + thing.thingID);
                   deleteThing(conn, app, thing.thingID);
                 });
 
@@ -383,8 +381,8 @@ void addThingRoutes(Router& router, Service& service) {
                     owner = existingOwner(conn, app, "GroupID:" + requiredString(body, "groupID"));
                   }
                   // The caller makes itself an owner, or a group it belongs to.
-                  const auto& subjects = caller.requester.subjects;
-                  if (!caller.user() ||
+                  const auto& subjects = caller.subjects;
+                  if (!caller.user ||
                       std::find(subjects.begin(), subjects.end(), owner) == subjects.end()) {
                     throw forbidden("A user makes only itself or its groups owners");
                   }
@@ -420,7 +418,7 @@ void addThingRoutes(Router& router, Service& service) {
                     auto caller = openCaller(service, call, conn, app);
                     auto thing = addressedThing(conn, app, call.param(1));
                     auto owner = existingOwner(conn, app, call.param(2));
-                    const bool self = caller.user() && owner == "UserID:" + caller.user()->userID;
+                    const bool self = caller.user && owner == "UserID:" + caller.user->userID;
                     if (!self) requireOwnerOrSelf(conn, app, thing, caller);
                     const auto owners = thingOwners(conn, app, thing.thingID);
                     const bool owns = std::find(owners.begin(), owners.end(), owner) != owners.end();

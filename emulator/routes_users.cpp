@@ -7,6 +7,7 @@
 #include "crypto.hpp"
 #include "group_store.hpp"
 #include "outbox_store.hpp"
+#include "push_store.hpp"
 #include "service.hpp"
 #include "thing_store.hpp"
 #include "token_store.hpp"
@@ -104,6 +105,8 @@ void addUserRoutes(Router& router, Service& service) {
                   dropScopeBuckets(conn, appID, ScopeKind::User, user.userID);
                   forgetSubject(conn, appID, "UserID:" + user.userID);
                   forgetThingOwner(conn, appID, "UserID:" + user.userID);
+                  forgetSubscriber(conn, appID, "users/" + user.userID);
+                  dropScopeTopics(conn, appID, {ScopeKind::User, user.userID});
                   dropUserCodes(conn, appID, user.userID);
                   revokeUserTokens(conn, appID, user.userID);
                   deleteUserRow(conn, appID, user.userID);
