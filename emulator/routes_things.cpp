@@ -4,7 +4,8 @@
 //        "_thingType", predefined and custom fields}: 201 the record with "_accessToken" (the
 //        thing acts with it); 409 THING_ALREADY_EXISTS for a vendor thing ID in use; 400
 //        INVALID_INPUT_DATA for a field of the wrong type or an unknown "_" field. A caller
-//        with or without a user's token may register.
+//        with or without a user's token may register; a user who registers a device is its
+//        first owner.
 // A thing is addressed as "/things/{thingID}" or "/things/VENDOR_THING_ID:{vendorThingID}";
 // 404 THING_NOT_FOUND when there is none. Its owners (users, and groups through their members)
 // and the thing itself, acting with its token, may:
@@ -171,7 +172,8 @@ void registerThing(Service& service, Call& call, const std::string& app) {
   thing.passwordHash = hashPassword(password->get<std::string>());
   auto out = service.db.transaction([&](Connection& conn) {
     // A token that is given must be a valid one; none registers as the application's maker.
-    if (call.bearerToken()) openCaller(service, call, conn, app);
+    std::optional<ThingCaller> caller;
+    if (call.bearerToken()) caller = openCaller(service, call, conn, app);
     if (findThingByVendorID(conn, app, thing.vendorThingID)) {
       throw ApiError(409, "THING_ALREADY_EXISTS",
                      "The vendor thing ID " + thing.vendorThingID + " is registered already");
@@ -181,6 +183,9 @@ void registerThing(Service& service, Call& call, const std::string& app) {
     } while (findThing(conn, app, thing.thingID));
     thing.created = thing.modified = Service::now();
     insertThing(conn, app, thing);
+    if (caller && caller->user) {
+      addThingOwner(conn, app, thing.thingID, "UserID:" + caller->user->userID, thing.created);
+    }
     nlohmann::json answer = record(thing);
     answer["_accessToken"] = issueThingToken(conn, app, thing.thingID);
     return answer;
