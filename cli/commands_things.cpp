@@ -37,7 +37,11 @@ JovThingFields fieldsOf(JovThingFields fields, const ThingArgs& args) {
   }
   json merged = fields.toJSON();
   for (auto& [key, value] : given.items()) merged[key] = std::move(value);
-  for (const auto& key : args.unset) merged.erase(key);
+  // A custom field is removed by sending it as null; predefined ones can only be changed.
+  for (const auto& key : args.unset) {
+    if (key.empty() || key.front() == '_') throw usageError("\"" + key + "\" cannot be removed");
+    merged[key] = nullptr;
+  }
   auto read = JovThingFields::fromJSON(merged);
   if (!read) throw usageError("a predefined field has a value of the wrong type");
   return *read;
@@ -75,14 +79,15 @@ void addThingCommands(CLI::App& jov, Context& ctx) {
       "FIELD=VALUE, repeatable: _vendor, _firmwareVersion, _productName, _lot, _stringField1-5, "
       "_numberField1-5, or a custom field; VALUE is JSON when it reads as JSON, else text";
 
-  auto* reg = thing->add_subcommand("register", "Register a device; prints its ID and token");
+  auto* reg = thing->add_subcommand(
+      "register", "Register a device, owned by you; prints its ID and its access token");
   reg->add_option("vendorThingID", args->thing, "The maker's ID of the device")->required();
   reg->add_option("--password", args->password, "The thing's password")->required();
   reg->add_option("--type", args->type, "The thing's type")->required();
   reg->add_option("--set", args->set, setHelp);
   reg->callback([&ctx, args] {
     auto fields = fieldsOf({}, *args);
-    ctx.begin();
+    ctx.session();
     auto registered = ctx.check(
         JovThing::registerThingSynchronous(args->thing, args->password, args->type, fields),
         "cannot register " + args->thing);
@@ -102,7 +107,7 @@ void addThingCommands(CLI::App& jov, Context& ctx) {
   auto* update = thing->add_subcommand("update", "Change a thing's fields");
   addThingArgument(update, *args);
   update->add_option("--set", args->set, setHelp);
-  update->add_option("--unset", args->unset, "FIELD to remove, repeatable");
+  update->add_option("--unset", args->unset, "A custom FIELD to remove, repeatable");
   update->callback([&ctx, args] {
     ctx.session();
     auto found = loaded(ctx, *args);

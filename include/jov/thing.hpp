@@ -48,8 +48,9 @@ struct JovThingFields {
   std::optional<double> numberField4;          ///< "_numberField4"
   std::optional<double> numberField5;          ///< "_numberField5"
 
-  /// @brief Sets a custom field (any JSON value); false, and nothing set, for an empty name or
-  /// one that begins with "_" (the service's own).
+  /// @brief Sets a custom field (any JSON value; null removes the field on the service at the
+  /// next update); false, and nothing set, for an empty name or one that begins with "_" (the
+  /// service's own).
   bool setCustomField(const std::string& key, nlohmann::json value);
   /// @brief Removes a custom field.
   void removeCustomField(const std::string& key) { custom_.erase(key); }
