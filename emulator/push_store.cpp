@@ -163,22 +163,12 @@ void grantTopicEntry(Connection& conn, const std::string& appID, const TopicKey&
 
 bool revokeTopicEntry(Connection& conn, const std::string& appID, const TopicKey& key,
                       const AclEntry& entry) {
-  if (!hasTopicEntry(conn, appID, key, entry)) return false;
   auto stmt = conn.prepare(
       "DELETE FROM push_topic_acl WHERE app_id = ?1 AND scope = ?2 AND owner = ?3 AND name = ?4 "
       "AND action = ?5 AND subject = ?6");
   bindTopic(stmt, appID, key).bind(5, entry.action).bind(6, entry.subject);
   stmt.run();
-  return true;
-}
-
-bool hasTopicEntry(Connection& conn, const std::string& appID, const TopicKey& key,
-                   const AclEntry& entry) {
-  auto stmt = conn.prepare(
-      "SELECT 1 FROM push_topic_acl WHERE app_id = ?1 AND scope = ?2 AND owner = ?3 "
-      "AND name = ?4 AND action = ?5 AND subject = ?6");
-  bindTopic(stmt, appID, key).bind(5, entry.action).bind(6, entry.subject);
-  return stmt.step();
+  return conn.changes() > 0;
 }
 
 std::vector<InstallationRow> userInstallations(Connection& conn, const std::string& appID,

@@ -82,8 +82,6 @@ void grantTopicEntry(Connection& conn, const std::string& appID, const TopicKey&
 /// @brief Removes an entry; false when there was none.
 bool revokeTopicEntry(Connection& conn, const std::string& appID, const TopicKey& key,
                       const AclEntry& entry);
-bool hasTopicEntry(Connection& conn, const std::string& appID, const TopicKey& key,
-                   const AclEntry& entry);
 
 /// @brief Every installation of a user, oldest first.
 std::vector<InstallationRow> userInstallations(Connection& conn, const std::string& appID,

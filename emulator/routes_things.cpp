@@ -126,10 +126,8 @@ ThingRow addressedThing(Connection& conn, const std::string& appID, const std::s
 bool ownedBy(Connection& conn, const std::string& appID, const ThingRow& thing,
              const ThingCaller& caller) {
   const auto owners = thingOwners(conn, appID, thing.thingID);
-  for (const auto& subject : caller.subjects) {
-    if (std::find(owners.begin(), owners.end(), subject) != owners.end()) return true;
-  }
-  return false;
+  return std::any_of(owners.begin(), owners.end(),
+                     [&caller](const std::string& owner) { return caller.speaksFor(owner); });
 }
 
 // An owner, or the thing itself.
@@ -193,27 +191,32 @@ void registerThing(Service& service, Call& call, const std::string& app) {
   call.reply(201, out);
 }
 
-// A route on one thing: the handler runs in a transaction with the caller and the thing.
-using ThingHandler = std::function<void(Connection&, const std::string& app,
-                                        const ThingCaller&, ThingRow&)>;
+// A route on one thing: the handler runs in a transaction with the caller and the thing, and
+// answers 204 unless it returns a record.
+using ThingHandler = std::function<std::optional<nlohmann::json>(
+    Call&, Connection&, const std::string& app, const ThingCaller&, ThingRow&)>;
 void addThingRoute(Router& router, Service& service, const std::string& method,
-                   const std::string& suffix, ThingHandler handler, int status = 204,
-                   std::function<nlohmann::json(const ThingRow&)> answer = {}) {
+                   const std::string& suffix, ThingHandler handler) {
   addApiRoute(router, service, method, "/things/{}" + suffix,
-              [&service, handler, status, answer](Call& call, const std::string& app) {
-                nlohmann::json out;
-                service.db.transaction([&](Connection& conn) {
+              [&service, handler](Call& call, const std::string& app) {
+                auto out = service.db.transaction([&](Connection& conn) {
                   auto caller = openCaller(service, call, conn, app);
                   auto thing = addressedThing(conn, app, call.param(1));
-                  handler(conn, app, caller, thing);
-                  if (answer) out = answer(thing);
+                  return handler(call, conn, app, caller, thing);
                 });
-                if (status == 204) {
-                  call.replyNoContent();
+                if (out) {
+                  call.reply(200, *out);
                 } else {
-                  call.reply(status, out);
+                  call.replyNoContent();
                 }
               });
+}
+
+void addOwner(Connection& conn, const std::string& app, const ThingRow& thing,
+              const std::string& owner) {
+  if (!addThingOwner(conn, app, thing.thingID, owner, Service::now())) {
+    throw ApiError(409, "THING_OWNERSHIP_ALREADY_EXISTS", owner + " owns it already");
+  }
 }
 
 // ------------------------------------------------------------------ queries
@@ -305,58 +308,56 @@ void queryThings(Service& service, Call& call, const std::string& app) {
 }  // namespace
 
 void addThingRoutes(Router& router, Service& service) {
+  using Answer = std::optional<nlohmann::json>;
   addApiRoute(router, service, "POST", "/things",
               [&service](Call& call, const std::string& app) { registerThing(service, call, app); });
   addApiRoute(router, service, "POST", "/things/query",
               [&service](Call& call, const std::string& app) { queryThings(service, call, app); });
 
-  addThingRoute(
-      router, service, "GET", "",
-      [](Connection& conn, const std::string& app, const ThingCaller& caller, ThingRow& thing) {
-        requireOwnerOrSelf(conn, app, thing, caller);
-      },
-      200, record);
+  addThingRoute(router, service, "GET", "",
+                [](Call&, Connection& conn, const std::string& app, const ThingCaller& caller,
+                   ThingRow& thing) -> Answer {
+                  requireOwnerOrSelf(conn, app, thing, caller);
+                  return record(thing);
+                });
 
-  addApiRoute(router, service, "PATCH", "/things/{}", [&service](Call& call, const std::string& app) {
-    call.requireMediaType({kUpdate});
-    auto body = call.jsonObject();
-    for (const char* key : {"_thingID", "_vendorThingID", "_created", "_accessToken", "_thingType",
-                            "_password"}) {
-      if (body.contains(key)) throw invalidThingData(std::string(key) + " cannot be updated");
-    }
-    service.db.transaction([&](Connection& conn) {
-      auto caller = openCaller(service, call, conn, app);
-      auto thing = addressedThing(conn, app, call.param(1));
-      requireOwnerOrSelf(conn, app, thing, caller);
-      mergeFields(thing.fields, body, {});
-      thing.modified = std::max(Service::now(), thing.modified);
-      updateThing(conn, app, thing);
-    });
-    call.replyNoContent();
-  });
+  addThingRoute(router, service, "PATCH", "",
+                [](Call& call, Connection& conn, const std::string& app, const ThingCaller& caller,
+                   ThingRow& thing) -> Answer {
+                  call.requireMediaType({kUpdate});
+                  auto body = call.jsonObject();
+                  for (const char* key : {"_thingID", "_vendorThingID", "_created", "_accessToken",
+                                          "_thingType", "_password"}) {
+                    if (body.contains(key)) {
+                      throw invalidThingData(std::string(key) + " cannot be updated");
+                    }
+                  }
+                  requireOwnerOrSelf(conn, app, thing, caller);
+                  mergeFields(thing.fields, body, {});
+                  thing.modified = std::max(Service::now(), thing.modified);
+                  updateThing(conn, app, thing);
+                  return std::nullopt;
+                });
 
-  addApiRoute(router, service, "PUT", "/things/{}/status",
-              [&service](Call& call, const std::string& app) {
-                call.requireMediaType({kStatus});
-                auto body = call.jsonObject();
-                auto disabled = body.find("disabled");
-                if (disabled == body.end() || !disabled->is_boolean()) {
-                  throw invalidThingData("disabled must be true or false");
-                }
-                service.db.transaction([&](Connection& conn) {
-                  auto caller = openCaller(service, call, conn, app);
-                  auto thing = addressedThing(conn, app, call.param(1));
+  addThingRoute(router, service, "PUT", "/status",
+                [](Call& call, Connection& conn, const std::string& app, const ThingCaller& caller,
+                   ThingRow& thing) -> Answer {
+                  call.requireMediaType({kStatus});
+                  auto body = call.jsonObject();
+                  auto disabled = body.find("disabled");
+                  if (disabled == body.end() || !disabled->is_boolean()) {
+                    throw invalidThingData("disabled must be true or false");
+                  }
                   requireOwnerOrSelf(conn, app, thing, caller);
                   thing.disabled = disabled->get<bool>();
                   thing.modified = std::max(Service::now(), thing.modified);
                   updateThing(conn, app, thing);
+                  return std::nullopt;
                 });
-                call.replyNoContent();
-              });
 
   addThingRoute(router, service, "DELETE", "",
-                [](Connection& conn, const std::string& app, const ThingCaller& caller,
-                   ThingRow& thing) {
+                [](Call&, Connection& conn, const std::string& app, const ThingCaller& caller,
+                   ThingRow& thing) -> Answer {
                   if (!ownedBy(conn, app, thing, caller)) {
                     throw forbidden("Only the thing's owners may delete it");
                   }
@@ -366,74 +367,56 @@ void addThingRoutes(Router& router, Service& service) {
                   forgetSubject(conn, app, "ThingID:" + thing.thingID);
                   forgetSubscriber(conn, app, "things/" + thing.thingID);
                   deleteThing(conn, app, thing.thingID);
+                  return std::nullopt;
                 });
 
-  addApiRoute(router, service, "POST", "/things/{}/ownership",
-              [&service](Call& call, const std::string& app) {
-                call.requireMediaType({kOwnership});
-                auto body = call.jsonObject();
-                auto password = body.find("thingPassword");
-                if (password == body.end() || !password->is_string()) {
-                  throw invalidInput("thingPassword is required");
-                }
-                service.db.transaction([&](Connection& conn) {
-                  auto caller = openCaller(service, call, conn, app);
-                  auto thing = addressedThing(conn, app, call.param(1));
-                  std::string owner;
-                  if (body.contains("userID")) {
-                    owner = existingOwner(conn, app, "UserID:" + requiredString(body, "userID"));
-                  } else {
-                    owner = existingOwner(conn, app, "GroupID:" + requiredString(body, "groupID"));
+  addThingRoute(router, service, "POST", "/ownership",
+                [](Call& call, Connection& conn, const std::string& app, const ThingCaller& caller,
+                   ThingRow& thing) -> Answer {
+                  call.requireMediaType({kOwnership});
+                  auto body = call.jsonObject();
+                  auto password = body.find("thingPassword");
+                  if (password == body.end() || !password->is_string()) {
+                    throw invalidInput("thingPassword is required");
                   }
+                  const std::string owner =
+                      body.contains("userID")
+                          ? existingOwner(conn, app, "UserID:" + requiredString(body, "userID"))
+                          : existingOwner(conn, app, "GroupID:" + requiredString(body, "groupID"));
                   // The caller makes itself an owner, or a group it belongs to.
-                  const auto& subjects = caller.subjects;
-                  if (!caller.user ||
-                      std::find(subjects.begin(), subjects.end(), owner) == subjects.end()) {
+                  if (!caller.user || !caller.speaksFor(owner)) {
                     throw forbidden("A user makes only itself or its groups owners");
                   }
                   if (!verifyPassword(password->get<std::string>(), thing.passwordHash)) {
                     throw forbidden("The thing's password is wrong");
                   }
-                  if (!addThingOwner(conn, app, thing.thingID, owner, Service::now())) {
-                    throw ApiError(409, "THING_OWNERSHIP_ALREADY_EXISTS", owner + " owns it already");
-                  }
+                  addOwner(conn, app, thing, owner);
+                  return std::nullopt;
                 });
-                call.replyNoContent();
-              });
 
-  addApiRoute(router, service, "PUT", "/things/{}/ownership/{}",
-              [&service](Call& call, const std::string& app) {
-                service.db.transaction([&](Connection& conn) {
-                  auto caller = openCaller(service, call, conn, app);
-                  auto thing = addressedThing(conn, app, call.param(1));
+  addThingRoute(router, service, "PUT", "/ownership/{}",
+                [](Call& call, Connection& conn, const std::string& app, const ThingCaller& caller,
+                   ThingRow& thing) -> Answer {
                   requireOwnerOrSelf(conn, app, thing, caller);
-                  auto owner = existingOwner(conn, app, call.param(2));
-                  if (!addThingOwner(conn, app, thing.thingID, owner, Service::now())) {
-                    throw ApiError(409, "THING_OWNERSHIP_ALREADY_EXISTS", owner + " owns it already");
-                  }
+                  addOwner(conn, app, thing, existingOwner(conn, app, call.param(2)));
+                  return std::nullopt;
                 });
-                call.replyNoContent();
-              });
 
   // Removing an owner and asking whether one is: owners, the thing, and the user named.
   for (const bool remove : {true, false}) {
-    addApiRoute(router, service, remove ? "DELETE" : "GET", "/things/{}/ownership/{}",
-                [&service, remove](Call& call, const std::string& app) {
-                  service.db.transaction([&](Connection& conn) {
-                    auto caller = openCaller(service, call, conn, app);
-                    auto thing = addressedThing(conn, app, call.param(1));
+    addThingRoute(router, service, remove ? "DELETE" : "GET", "/ownership/{}",
+                  [remove](Call& call, Connection& conn, const std::string& app,
+                           const ThingCaller& caller, ThingRow& thing) -> Answer {
                     auto owner = existingOwner(conn, app, call.param(2));
                     const bool self = caller.user && owner == "UserID:" + caller.user->userID;
                     if (!self) requireOwnerOrSelf(conn, app, thing, caller);
                     const auto owners = thingOwners(conn, app, thing.thingID);
-                    const bool owns = std::find(owners.begin(), owners.end(), owner) != owners.end();
-                    if (!owns) {
+                    if (std::find(owners.begin(), owners.end(), owner) == owners.end()) {
                       throw ApiError(404, "THING_OWNERSHIP_NOT_FOUND", owner + " does not own it");
                     }
                     if (remove) removeThingOwner(conn, app, thing.thingID, owner);
+                    return std::nullopt;
                   });
-                  call.replyNoContent();
-                });
   }
 }
 

@@ -20,6 +20,16 @@ void putIfSet(nlohmann::ordered_json& out, const char* key, const std::optional<
   if (value) out[key] = *value;
 }
 
+// Off drops a section; on makes a fresh one only when there is none.
+template <class Section>
+void switchSection(std::optional<Section>& section, bool enabled) {
+  if (!enabled) {
+    section.reset();
+  } else if (!section) {
+    section = Section::createFields();
+  }
+}
+
 // A section of a channel that is off.
 nlohmann::ordered_json disabledSection() { return nlohmann::ordered_json{{"enabled", false}}; }
 
@@ -114,29 +124,9 @@ JovPushMessage JovPushMessage::messageWithReceivedPayload(nlohmann::json payload
   return message;
 }
 
-void JovPushMessage::setAPNSEnabled(bool enabled) {
-  if (!enabled) {
-    apnsFields.reset();
-  } else if (!apnsFields) {
-    apnsFields = JovAPNSFields::createFields();
-  }
-}
-
-void JovPushMessage::setGCMEnabled(bool enabled) {
-  if (!enabled) {
-    gcmFields.reset();
-  } else if (!gcmFields) {
-    gcmFields = JovGCMFields::createFields();
-  }
-}
-
-void JovPushMessage::setMQTTEnabled(bool enabled) {
-  if (!enabled) {
-    mqttFields.reset();
-  } else if (!mqttFields) {
-    mqttFields = JovMQTTFields::createFields();
-  }
-}
+void JovPushMessage::setAPNSEnabled(bool enabled) { switchSection(apnsFields, enabled); }
+void JovPushMessage::setGCMEnabled(bool enabled) { switchSection(gcmFields, enabled); }
+void JovPushMessage::setMQTTEnabled(bool enabled) { switchSection(mqttFields, enabled); }
 
 Result<nlohmann::ordered_json> JovPushMessage::getMessageData() const {
   if (incoming_) return nlohmann::ordered_json();
