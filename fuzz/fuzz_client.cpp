@@ -1,6 +1,7 @@
 // The library's side: arbitrary answers of the service through JovRequest and the loaders of
-// users, groups, objects and push installations, and arbitrary URIs, with a transport that
-// answers from the fuzz input instead of the network.
+// users, groups, objects, things and push installations, thing query pages, arbitrary URIs and
+// received push payloads, with a transport that answers from the fuzz input instead of the
+// network.
 //
 // Input: one byte choosing the operation, two bytes of HTTP status (taken modulo 600), one byte
 // choosing an ETag, then the answer's body. Aborts when an operation succeeds on an answer the
@@ -15,7 +16,9 @@
 #include "jov/object.hpp"
 #include "jov/push_installation.hpp"
 #include "jov/query.hpp"
+#include "jov/received_message.hpp"
 #include "jov/request.hpp"
+#include "jov/thing.hpp"
 #include "jov/user.hpp"
 
 namespace {
@@ -65,7 +68,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static const bool ready = (setUp(), true);
   (void)ready;
   if (size < 4) return 0;
-  const int op = data[0] % 8;
+  const int op = data[0] % 11;
   answer.status = ((data[1] << 8) | data[2]) % 600;
   answer.headers.clear();
   if (data[3] % 2) answer.headers.emplace_back("ETag", "\"v" + std::to_string(data[3]) + "\"");
@@ -131,9 +134,39 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       if (counted) check(success(answer.status) && counted.value() >= 0);
       break;
     }
-    default: {  // a page of a query
+    case 7: {  // a page of a query
       auto page = Jov::bucketWithName("notes")->executeQuerySynchronous(JovQuery());
       if (page) check(success(answer.status));
+      break;
+    }
+    case 8: {  // a thing's refresh: a failure changes nothing; and its loader
+      auto thing = JovThing::thingWithID("th.1");
+      auto refreshed = thing->refreshSynchronous();
+      if (!refreshed) check(thing->thingType().empty() && thing->fields().toJSON().empty());
+      else check(success(answer.status));
+      const auto type = thing->thingType();
+      if (!json.is_discarded() && !thing->loadFromJSON(json)) check(thing->thingType() == type);
+      break;
+    }
+    case 9: {  // a page of a thing query
+      auto page = JovThing::querySynchronous(
+          JovThingQuery::thingQuery(JovUser::userWithID("u1"), std::nullopt));
+      if (page) {
+        check(success(answer.status));
+        for (const auto& thing : page.value().results) check(!thing->thingID().empty());
+      }
+      break;
+    }
+    default: {  // a received push payload: every reading, no exchange
+      if (json.is_discarded()) break;
+      auto message = JovReceivedMessage::messageFromPayload(json);
+      (void)message.getAlertBody();
+      for (int field = -1; field <= 15; ++field) (void)message.getValueOfJovMessageField(field);
+      (void)message.senderUser();
+      (void)message.senderThing();
+      if (auto object = message.eventSourceObject()) check(message.containsJovObject());
+      if (auto bucket = message.eventSourceBucket()) check(bucket->bucketPath().has_value());
+      (void)message.eventSourceTopic();
       break;
     }
   }
