@@ -153,6 +153,10 @@ json orNull(const std::string& text);
 /// @brief KEY=VALUE assignments (--set) as a JSON object: VALUE is JSON when it reads as JSON
 /// (3, true, [1,2], {"a":1}), else text. A usage error for one without "=" or a key.
 json assignments(const std::vector<std::string>& set);
+/// @brief The service's clause JSON of a readable clause ('age>=18 and name^="Al"'); the
+/// grammar is at the top of clause_syntax.cpp and in `jov query --help`. A usage error, with
+/// the column, for text that does not parse.
+json parseClause(const std::string& text);
 /// @brief The root of an emulator's own routes ("/emulator/..."): the base URL without its
 /// trailing "/api".
 std::string emulatorRoot(std::string baseURL);

@@ -69,14 +69,26 @@ json objectJSON(const jov::JovObject& object) {
 jov::JovQuery queryOf(const BucketArgs& args) {
   jov::JovQuery query;
   if (!args.where.empty()) {
-    json clause = json::parse(args.where, nullptr, false);
-    if (!clause.is_object()) throw usageError("--where must be a JSON clause object");
+    // A JSON clause as the service reads it, or the readable syntax.
+    json clause;
+    if (args.where.front() == '{') {
+      clause = json::parse(args.where, nullptr, false);
+      if (!clause.is_object()) throw usageError("--where is not a JSON clause object");
+    } else {
+      clause = parseClause(args.where);
+    }
     query = jov::JovQuery::queryWithDictionary(clause);
   }
   if (!args.order.empty()) query.sort(args.order, args.descending);
   query.setLimit(args.limit);
   return query;
 }
+
+constexpr const char* kWhereHelp =
+    "Which objects: comparisons FIELD =, !=, <, <=, >, >=, ^= (prefix) VALUE; FIELD in [V, ...];\n"
+    "FIELD has string|integer|decimal|boolean; joined by and, or, not and parentheses. VALUE\n"
+    "is a number, true, false, \"text\" or a bare word. E.g. 'age>=18 and name^=\"Al\"'.\n"
+    "A JSON clause as the service reads it also works: '{\"type\":\"eq\",...}'.";
 
 }  // namespace
 
@@ -145,8 +157,7 @@ void addObjectCommands(CLI::App& jov, Context& ctx) {
 
   auto* query = jov.add_subcommand("query", "List the objects of a bucket that match a clause");
   addBucketOptions(query, *args);
-  query->add_option("--where", args->where,
-                    R"(A clause, e.g. '{"type":"eq","field":"a","value":1}')");
+  query->add_option("--where", args->where, kWhereHelp);
   query->add_option("--order", args->order, "Order by this field");
   query->add_flag("--desc", args->descending, "Descending order");
   query->add_option("--limit", args->limit, "At most this many objects (all pages otherwise)");
@@ -174,7 +185,7 @@ void addObjectCommands(CLI::App& jov, Context& ctx) {
 
   auto* count = jov.add_subcommand("count", "Count the objects of a bucket (that match a clause)");
   addBucketOptions(count, *args);
-  count->add_option("--where", args->where, "A clause (JSON)");
+  count->add_option("--where", args->where, kWhereHelp);
   count->callback([&ctx, args] {
     ctx.session();
     jov::JovQuery query;

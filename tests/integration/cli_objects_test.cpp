@@ -58,6 +58,22 @@ TEST(CliObjects, ObjectsQueriesAndCounts) {
                 {"count", "--where", R"({"type":"range","field":"n","lowerLimit":4})"}))["count"],
             1);
 
+  // The readable clause syntax: comparisons, prefixes, lists, negation and parentheses.
+  auto count = [&](const std::string& where) {
+    return cli.runJSON(with({"count", "--where", where}))["count"].get<int>();
+  };
+  EXPECT_EQ(count("n>=4"), 1);
+  EXPECT_EQ(count("n > 2 and n <= 5"), 2);
+  EXPECT_EQ(count(R"(text ^= "mi" or text = eggs)"), 2);
+  EXPECT_EQ(count("not (text in [milk, bread]) AND n<10"), 1);
+  EXPECT_EQ(count("text != milk"), 1);
+  EXPECT_EQ(count("n has integer"), 2);
+  for (const char* bad : {"n >", "n >= 3 and", "(n = 1", "n ~ 3", R"(text = "open)", "= 3"}) {
+    auto refused = cli.run(with({"count", "--where", bad}));
+    EXPECT_EQ(refused.status, 2) << bad;
+    EXPECT_NE(refused.err.find("at column"), std::string::npos) << refused.err;
+  }
+
   // Usage mistakes (2) are caught before any request; refusals of the service give 1.
   EXPECT_EQ(cli.run({"object", "create", "{}", "--bucket", "x"}).status, 2);
   EXPECT_EQ(cli.run(with({"object", "create", "[1]"})).status, 2);
