@@ -49,6 +49,22 @@ int main(int argc, char** argv) {
   }
   std::cout << "Alice saved 3 notes in " << *notes->bucketURI() << ".\n";
 
+  // Two copies of one note: the first save wins; the second, made from the older version, is
+  // refused instead of overwriting it.
+  auto mine = JovObject::objectWithURI(*shared->objectURI());
+  auto stale = JovObject::objectWithURI(*shared->objectURI());
+  if (!check(mine->refreshSynchronous(), "load a copy") ||
+      !check(stale->refreshSynchronous(), "load another copy")) {
+    return 1;
+  }
+  mine->setObject(6, "priority");
+  if (!check(mine->saveSynchronous(false), "save the first copy")) return 1;
+  stale->setObject(1, "priority");
+  auto refused = stale->saveSynchronous(false);
+  std::cout << "A copy saved over a newer version: "
+            << (refused.ok() ? std::string("accepted") : refused.error().describe()) << "\n";
+  if (refused.ok()) return 1;
+
   JovQuery urgent(JovClause::greaterThanOrEqual("priority", 2));
   urgent.sortByDesc("priority");
   auto page = notes->executeQuerySynchronous(urgent);
