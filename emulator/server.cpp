@@ -507,6 +507,17 @@ HttpServer::HttpServer(const Router& router, ServerOptions options)
             return handled;
           }
         }
+        // cpp-httplib reads no body of a GET, HEAD or OPTIONS, and the bytes of one that comes
+        // with a body would be taken for the next request on the connection. Such a request is
+        // answered without its body, and the connection closed after the answer.
+        const bool bodiless = req.method == "GET" || req.method == "HEAD" || req.method == "OPTIONS";
+        if (bodiless && (hasEncoding || (hasLength && contentLength(req.get_header_value(
+                                                         "Content-Length")) != std::uint64_t{0}))) {
+          router.dispatch(req, res);
+          if (currentConnection) currentConnection->closeAfterResponse = true;
+          res.set_header("Connection", "close");
+          return handled;
+        }
         // A request with neither Content-Length nor Transfer-Encoding has no body (libcurl sends
         // bodiless PUT and DELETE that way), but cpp-httplib would wait for one until its read
         // timeout: such requests are answered here, before it tries to read.

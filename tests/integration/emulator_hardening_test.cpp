@@ -92,6 +92,33 @@ TEST(EmulatorHardening, ChunkedBodyOverTheLimitIsRefusedEarly) {
   EXPECT_EQ(client.login("chunky", "pass1234")["id"].is_string(), true) << "still serving";
 }
 
+// A GET with a body (a request left with its default "{}") is answered, and the request after
+// it on the same connection is not read from the body's bytes.
+TEST(EmulatorHardening, BodyOfAGetIsNotTakenForTheNextRequest) {
+  auto app = Emulator::shared().newApp();
+  int fd = connectFrom("127.0.0.1");
+  ASSERT_GE(fd, 0);
+  const std::string outbox = "/emulator/apps/" + app.appID + "/push/outbox";
+  ASSERT_TRUE(sendText(fd, "GET " + outbox + " HTTP/1.1\r\n" + appHeaders(app) +
+                               "Content-Type: application/json\r\nContent-Length: 2\r\n\r\n{}"));
+  EXPECT_EQ(readStatus(fd, 5000), 200);
+  ::close(fd);
+  // Through a client that keeps its connection: the DELETE after the GET is its own request.
+  httplib::Client client("127.0.0.1", Emulator::shared().port());
+  client.set_keep_alive(true);
+  httplib::Request get;
+  get.method = "GET";
+  get.path = outbox;
+  get.body = "{}";
+  get.set_header("Content-Type", "application/json");
+  auto first = client.send(get);
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->status, 200);
+  auto second = client.Delete(outbox);
+  ASSERT_TRUE(second);
+  EXPECT_EQ(second->status, 204) << second->body;
+}
+
 TEST(EmulatorHardening, JsonTheEmulatorCannotHoldIsInvalidInput) {
   EmulatorClient client(Emulator::shared().newApp());
   const char* registration = "application/vnd.jov.RegistrationRequest+json";
