@@ -370,11 +370,12 @@ json assignments(const std::vector<std::string>& set) {
   return fields;
 }
 
-std::string emulatorRoot(std::string baseURL) {
-  while (!baseURL.empty() && baseURL.back() == '/') baseURL.pop_back();
+std::string emulatorAppURL(const std::string& suffix) {
+  std::string root = jov::Jov::baseURL();
+  while (!root.empty() && root.back() == '/') root.pop_back();
   constexpr std::string_view kApi = "/api";
-  if (baseURL.ends_with(kApi)) baseURL.resize(baseURL.size() - kApi.size());
-  return baseURL;
+  if (root.ends_with(kApi)) root.resize(root.size() - kApi.size());
+  return root + "/emulator/apps/" + jov::urlEncode(jov::Jov::appID()) + suffix;
 }
 
 // ------------------------------------------------------------------ prompts

@@ -157,9 +157,9 @@ json assignments(const std::vector<std::string>& set);
 /// grammar is at the top of clause_syntax.cpp and in `jov query --help`. A usage error, with
 /// the column, for text that does not parse.
 json parseClause(const std::string& text);
-/// @brief The root of an emulator's own routes ("/emulator/..."): the base URL without its
-/// trailing "/api".
-std::string emulatorRoot(std::string baseURL);
+/// @brief The URL of an emulator-only route of the current application:
+/// ROOT/emulator/apps/APPID + `suffix`, ROOT being the base URL without its trailing "/api".
+std::string emulatorAppURL(const std::string& suffix);
 
 /// @brief A bash completion script for the commands and options of `app`.
 std::string bashCompletion(const CLI::App& app);

@@ -34,8 +34,7 @@ void addCodeCommands(CLI::App& jov, Context& ctx) {
   deploy->callback([&ctx, args] {
     ctx.begin();
     jov::JovRequest request = jov::JovRequest::withURL(
-        emulatorRoot(jov::Jov::baseURL()) + "/emulator/apps/" + jov::urlEncode(jov::Jov::appID()) +
-        "/server-code" +
+        emulatorAppURL("/server-code") +
         (args->version.empty() ? "" : "?version=" + jov::urlEncode(args->version)));
     request.requestMethod = jov::JovMethodPost;
     request.anonymous = true;

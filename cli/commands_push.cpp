@@ -128,8 +128,7 @@ void addPushInstallCommands(CLI::App& jov, Context& ctx) {
   outbox->add_flag("--clear", *clear, "Empty the outbox after showing it");
   outbox->callback([&ctx, clear] {
     ctx.begin();
-    const std::string url = emulatorRoot(jov::Jov::baseURL()) + "/emulator/apps/" +
-                            jov::urlEncode(jov::Jov::appID()) + "/push/outbox";
+    const std::string url = emulatorAppURL("/push/outbox");
     auto exchange = [&url](jov::JovRequestMethod method) {
       jov::JovRequest request = jov::JovRequest::withURL(url);
       request.requestMethod = method;
