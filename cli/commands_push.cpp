@@ -1,11 +1,15 @@
-// Push: install or uninstall this machine's device token; topics of the application, a user
-// (--user) or a group (--group): create, list, delete, subscribe, unsubscribe, send; and the
-// emulator's push outbox (what every device would have received).
+// Push: install or uninstall this machine's device token; listen for pushes over MQTT; topics
+// of the application, a user (--user) or a group (--group): create, list, delete, subscribe,
+// unsubscribe, send; and the emulator's push outbox (what every device would have received).
 //
 // Without --token, push install and uninstall use this machine's own token: 32 random bytes kept
-// in the data directory ("device-token", hex), made on the first install.
+// in the data directory ("device-token", hex), made on the first install. push listen keeps the
+// MQTT installation it made for the logged-in user in "mqtt-installation.json" there, so that
+// every listen of that user is the same installation.
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <random>
 
 #include "app.hpp"
@@ -60,6 +64,104 @@ struct TopicArgs {
   std::string name, user, group;
 };
 
+std::filesystem::path mqttInstallationFile() {
+  return jov::Jov::dataDirectory() / "mqtt-installation.json";
+}
+
+// The MQTT installation kept for this user, if any.
+jov::JovMQTTInstallation::Ptr savedMQTTInstallation(const std::string& userID) {
+  std::ifstream in(mqttInstallationFile());
+  if (!in) return nullptr;
+  const json saved = json::parse(in, nullptr, false);
+  if (!saved.is_object() || saved.value("userID", "") != userID) return nullptr;
+  const std::string id = saved.value("installationID", "");
+  const std::string registration = saved.value("installationRegistrationID", "");
+  if (id.empty() || registration.empty()) return nullptr;
+  return jov::JovMQTTInstallation::installationWithIDs(id, registration);
+}
+
+void saveMQTTInstallation(const std::string& userID, const jov::JovMQTTInstallation& installed) {
+  const auto path = mqttInstallationFile();
+  std::filesystem::create_directories(path.parent_path());
+  std::ofstream out(path, std::ios::trunc);
+  out << json{{"userID", userID},
+              {"installationID", installed.installationID().value_or("")},
+              {"installationRegistrationID", installed.installationRegistrationID().value_or("")}}
+             .dump()
+      << "\n";
+  if (!out.flush()) throw failure("cannot write " + path.string());
+}
+
+// One received push as a line: when, where from, and the payload.
+std::string describePush(const jov::JovReceivedMessage& message) {
+  std::string line = localTime(std::chrono::system_clock::now());
+  if (auto topic = message.getValueOfJovMessageField(jov::JovMessageFieldTopic)) {
+    line += " topic " + (topic->is_string() ? topic->get<std::string>() : topic->dump());
+  }
+  if (auto bucket = message.getValueOfJovMessageField(jov::JovMessageFieldBucketID)) {
+    line += " bucket " + (bucket->is_string() ? bucket->get<std::string>() : bucket->dump());
+  }
+  if (auto sender = message.getValueOfJovMessageField(jov::JovMessageFieldSender)) {
+    line += " from " + (sender->is_string() ? sender->get<std::string>() : sender->dump());
+  }
+  return line + ": " + message.rawMessage().dump();
+}
+
+// jov push listen: prints pushes as they arrive, until --count of them or --timeout seconds,
+// or until interrupted.
+void listen(Context& ctx, int count, double timeout) {
+  auto user = ctx.session();
+  auto installation = savedMQTTInstallation(user->userID());
+  std::optional<jov::JovMQTTEndpoint> endpoint;
+  if (installation) {
+    auto fetched = installation->endpointSynchronous();
+    // An installation removed meanwhile (on the service, or by another program) is replaced.
+    if (fetched) endpoint = std::move(fetched).value();
+    else if (fetched.error().code() != jov::JovError::codeInstallationNotFound()) {
+      throw failure("cannot read the MQTT endpoint: " + describeError(fetched.error()));
+    }
+  }
+  if (!endpoint) {
+    installation = ctx.check(jov::JovMQTTInstallation::installSynchronous(),
+                             "cannot install this machine for MQTT");
+    saveMQTTInstallation(user->userID(), *installation);
+    endpoint = ctx.check(installation->endpointSynchronous(), "cannot read the MQTT endpoint");
+  }
+  auto receiver = jov::JovPushReceiver::receiverWithEndpoint(*endpoint);
+  int received = 0;
+  receiver->setMessageHandler([&](const jov::JovReceivedMessage& message) {
+    ++received;
+    if (ctx.jsonOutput()) std::cout << message.rawMessage().dump() << std::endl;
+    else std::cout << describePush(message) << std::endl;
+    if (count > 0 && received >= count) jov::JovMainQueue::stop();
+  });
+  const std::string where = "mqtt://" + endpoint->host + ":" + std::to_string(endpoint->portTCP);
+  receiver->setStateHandler(
+      [&where](jov::JovPushReceiverState state, std::optional<jov::JovError> reason) {
+        std::cerr << "jov: " << jov::toString(state) << " (" << where << ")";
+        if (reason) std::cerr << ": " << describeError(*reason);
+        std::cerr << std::endl;
+      });
+  ctx.check(receiver->start(), "cannot start listening");
+  if (timeout > 0) {
+    const auto limit = std::chrono::milliseconds(static_cast<std::int64_t>(timeout * 1000));
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while ((count <= 0 || received < count) && std::chrono::steady_clock::now() < deadline) {
+      jov::JovMainQueue::runUntil(
+          static_cast<std::size_t>(1),
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
+                                                                std::chrono::steady_clock::now()));
+    }
+  } else {
+    jov::JovMainQueue::run();
+  }
+  receiver->stop();
+  if (count > 0 && received < count) {
+    throw failure("received " + std::to_string(received) + " of " + std::to_string(count) +
+                  " pushes before the timeout");
+  }
+}
+
 void addOwnerOptions(CLI::App* command, TopicArgs& args) {
   auto* user = command->add_option("--user", args.user, "A user's topic (ID, e-mail or username)");
   command->add_option("--group", args.group, "A group's topic (group ID)")->excludes(user);
@@ -80,7 +182,7 @@ std::string scopeText(const TopicArgs& args) {
 void addPushInstallCommands(CLI::App& jov, Context& ctx) {
   struct Args {
     std::string token;
-    bool development = false;
+    bool development = false, mqtt = false;
   };
   auto args = std::make_shared<Args>();
   auto* push = jov.add_subcommand("push", "Install this device for push notifications");
@@ -108,9 +210,15 @@ void addPushInstallCommands(CLI::App& jov, Context& ctx) {
 
   auto* uninstall = push->add_subcommand("uninstall", "Remove the device token's installation");
   uninstall->add_option("--token", args->token, "The device token, hex (default: this machine's)");
+  uninstall->add_flag("--mqtt", args->mqtt, "Remove the MQTT installation push listen made");
   uninstall->callback([&ctx, args] {
-    ctx.session();
-    if (args->token.empty()) {
+    auto user = ctx.session();
+    if (args->mqtt) {
+      auto installation = savedMQTTInstallation(user->userID());
+      if (!installation) throw failure("push listen installed nothing for this user");
+      ctx.check(installation->uninstallSynchronous(), "cannot uninstall the MQTT installation");
+      std::filesystem::remove(mqttInstallationFile());
+    } else if (args->token.empty()) {
       auto token = machineToken(false);
       if (!token) throw failure("this machine has no device token; nothing was installed");
       jov::Jov::setAPNSDeviceToken(token);
@@ -121,6 +229,16 @@ void addPushInstallCommands(CLI::App& jov, Context& ctx) {
     }
     ctx.print({{"uninstalled", true}}, "uninstalled");
   });
+
+  auto* listenCommand = push->add_subcommand(
+      "listen", "Print pushes as they arrive over MQTT (one JSON line each with --json)");
+  auto count = std::make_shared<int>(0);
+  auto timeout = std::make_shared<double>(0);
+  listenCommand->add_option("--count", *count, "Stop after this many pushes")
+      ->check(CLI::PositiveNumber);
+  listenCommand->add_option("--timeout", *timeout, "Stop after this many seconds")
+      ->check(CLI::PositiveNumber);
+  listenCommand->callback([&ctx, count, timeout] { listen(ctx, *count, *timeout); });
 
   auto* outbox = push->add_subcommand(
       "outbox", "Show the pushes the emulator delivered, oldest first (emulator only)");

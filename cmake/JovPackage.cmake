@@ -25,7 +25,7 @@ set(CPACK_DEBIAN_DEV_PACKAGE_NAME libjov-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 # The headers include nlohmann-json; libjov.a and jov.pc's Requires.private need the rest.
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
-  "nlohmann-json3-dev, libcurl4-openssl-dev, libssl-dev, libsqlite3-dev, libsecret-1-dev")
+  "nlohmann-json3-dev, libcurl4-openssl-dev, libssl-dev, libsqlite3-dev, libsecret-1-dev, libmosquitto-dev")
 set(CPACK_DEBIAN_EMULATOR_PACKAGE_NAME jov-emulator)
 set(CPACK_DEBIAN_EMULATOR_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_CLI_PACKAGE_NAME jov)
