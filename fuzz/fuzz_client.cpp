@@ -12,7 +12,9 @@
 
 #include "jov/application.hpp"
 #include "jov/bucket.hpp"
+#include "jov/credential_store.hpp"
 #include "jov/group.hpp"
+#include "jov/mqtt_installation.hpp"
 #include "jov/object.hpp"
 #include "jov/push_installation.hpp"
 #include "jov/query.hpp"
@@ -57,6 +59,7 @@ void check(bool condition) {
 bool success(int status) { return status >= 200 && status <= 299; }
 
 void setUp() {
+  JovKeyChainWrapper::useMemoryStore();
   Jov::beginWithID("app", "key", std::string("http://fuzz.invalid/api"));
   Jov::setRequestFactory(std::make_shared<Factory>());
   Jov::setMaxAnswerSize(1 << 16);
@@ -68,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static const bool ready = (setUp(), true);
   (void)ready;
   if (size < 4) return 0;
-  const int op = data[0] % 11;
+  const int op = data[0] % 12;
   answer.status = ((data[1] << 8) | data[2]) % 600;
   answer.headers.clear();
   if (data[3] % 2) answer.headers.emplace_back("ETag", "\"v" + std::to_string(data[3]) + "\"");
@@ -155,6 +158,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         check(success(answer.status));
         for (const auto& thing : page.value().results) check(!thing->thingID().empty());
       }
+      break;
+    }
+    case 10: {  // an MQTT endpoint: taken only whole, and then usable by a receiver
+      Jov::setCurrentUser(JovUser::userWithID("u1"));
+      auto installation = JovMQTTInstallation::installationWithIDs("i1", "r1");
+      auto endpoint = installation->endpointSynchronous();
+      if (endpoint) {
+        check(success(answer.status) && !endpoint.value().host.empty() &&
+              endpoint.value().portTCP > 0 && endpoint.value().portTCP < 65536);
+        check(JovMQTTEndpoint::fromJSON(endpoint.value().toJSON()) == endpoint.value());
+      }
+      JovUser::logOut();
       break;
     }
     default: {  // a received push payload: every reading, no exchange
