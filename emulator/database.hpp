@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -66,8 +67,13 @@ class Connection {
   int changes() const { return sqlite3_changes(db_); }
   /// @brief The SQLite handle, for statements built at run time and for registering functions.
   sqlite3* handle() const { return db_; }
+  /// @brief Asks for the database's commit observer to be called once this transaction commits
+  /// (nothing happens when it rolls back).
+  void notifyOnCommit() { notify_ = true; }
 
  private:
+  friend class Database;
+  bool notify_ = false;
   sqlite3* db_ = nullptr;
   std::unordered_map<std::string, sqlite3_stmt*> cache_;
 };
@@ -81,25 +87,39 @@ class Database {
   /// @brief Runs fn(Connection&) in a write transaction; an exception rolls everything back.
   template <typename Fn>
   auto transaction(Fn&& fn) -> decltype(fn(std::declval<Connection&>())) {
-    std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     conn_.exec("BEGIN IMMEDIATE");
+    conn_.notify_ = false;
     try {
       if constexpr (std::is_void_v<decltype(fn(conn_))>) {
         fn(conn_);
         conn_.exec("COMMIT");
+        committed(lock);
       } else {
         auto result = fn(conn_);
         conn_.exec("COMMIT");
+        committed(lock);
         return result;
       }
     } catch (...) {
-      rollback();
+      if (lock.owns_lock()) rollback();
       throw;
     }
   }
 
+  /// @brief Called, outside the lock, after each commit of a transaction that asked for it
+  /// (Connection::notifyOnCommit). Set it before the store is shared between threads.
+  void setCommitObserver(std::function<void()> observer) { observer_ = std::move(observer); }
+
  private:
   void rollback() noexcept;
+  void committed(std::unique_lock<std::mutex>& lock) {
+    const bool notify = std::exchange(conn_.notify_, false);
+    lock.unlock();
+    if (notify && observer_) observer_();
+  }
+
+  std::function<void()> observer_;
 
   std::mutex mutex_;
   Connection conn_;

@@ -8,13 +8,17 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "api_error.hpp"
 #include "app_registry.hpp"
+#include "crypto.hpp"
 #include "database.hpp"
+#include "mqtt_bridge.hpp"
+#include "mqtt_broker.hpp"
 #include "router.hpp"
 #include "server.hpp"
 #include "server_code.hpp"
@@ -39,6 +43,79 @@ struct Options {
   double codeTimeLimit = 5;
   std::size_t codeMemoryLimit = 64;
   std::string serverCode;
+  std::string mqtt, mqttAdmin;
+};
+
+// The broker behind --mqtt: none, one of the user's (HOST:PORT with --mqtt-admin), or one this
+// process starts and stops ("auto").
+class Broker {
+ public:
+  explicit Broker(const Options& options) {
+    if (options.mqtt.empty()) return;
+    if (options.mqtt == "auto") {
+      startOwn(options);
+      return;
+    }
+    const auto colon = options.mqtt.rfind(':');
+    const auto admin = options.mqttAdmin.find(':');
+    if (colon == std::string::npos || colon == 0 || admin == std::string::npos || admin == 0) {
+      throw std::runtime_error("--mqtt HOST:PORT needs --mqtt-admin USER:PASSWORD");
+    }
+    settings_.host = options.mqtt.substr(0, colon);
+    settings_.port = std::stoi(options.mqtt.substr(colon + 1));
+    settings_.adminUser = options.mqttAdmin.substr(0, admin);
+    settings_.adminPassword = options.mqttAdmin.substr(admin + 1);
+    enabled_ = true;
+  }
+  ~Broker() {
+    process_.reset();
+    if (!temporary_.empty()) std::filesystem::remove_all(temporary_);
+  }
+
+  bool enabled() const { return enabled_; }
+  const jovemu::MqttSettings& settings() const { return settings_; }
+
+ private:
+  // Its configuration in DATA/mqtt (or a temporary directory for a store in memory): the
+  // administrator's password is made once and kept there with the accounts; the port is new
+  // each time.
+  void startOwn(const Options& options) {
+    if (jovemu::findMosquitto().empty()) {
+      throw std::runtime_error("--mqtt auto needs mosquitto (Debian package mosquitto)");
+    }
+    std::filesystem::path dir;
+    if (options.data == ":memory:") {
+      std::string pattern = (std::filesystem::temp_directory_path() / "jov-mqtt-XXXXXX").string();
+      if (!::mkdtemp(pattern.data())) throw std::runtime_error("cannot make a temporary directory");
+      dir = temporary_ = pattern;
+    } else {
+      dir = std::filesystem::path(options.data) / "mqtt";
+      std::filesystem::create_directories(dir);
+    }
+    const auto secret = dir / "admin-password";
+    std::string password;
+    if (std::ifstream in(secret); in) std::getline(in, password);
+    if (password.empty()) {
+      password = jovemu::randomHex(16);
+      std::ofstream out(secret, std::ios::trunc);
+      out << password << "\n";
+      if (!out.flush()) throw std::runtime_error("cannot write " + secret.string());
+      std::filesystem::permissions(secret, std::filesystem::perms::owner_read |
+                                               std::filesystem::perms::owner_write);
+    }
+    settings_.adminUser = "jov-emulator";
+    settings_.adminPassword = password;
+    settings_.port = jovemu::freeLoopbackPort();
+    jovemu::writeBrokerConfig(dir, settings_.port, settings_.adminUser, password);
+    process_ = std::make_unique<jovemu::BrokerProcess>(dir, settings_.port);
+    process_->start();
+    enabled_ = true;
+  }
+
+  bool enabled_ = false;
+  jovemu::MqttSettings settings_;
+  std::filesystem::path temporary_;
+  std::unique_ptr<jovemu::BrokerProcess> process_;
 };
 
 // --server-code: deployed for every --app, unless it already is that application's current
@@ -105,6 +182,14 @@ int run(const Options& options) {
   settings.scriptLimits.memoryBytes = options.codeMemoryLimit * 1024 * 1024;
   jovemu::Service service(db, apps, settings);
   if (!options.serverCode.empty()) deployStartupScript(service, options);
+  Broker broker(options);
+  std::unique_ptr<jovemu::MqttBridge> bridge;
+  if (broker.enabled()) {
+    bridge = std::make_unique<jovemu::MqttBridge>(db, broker.settings());
+    db.setCommitObserver([raw = bridge.get()] { raw->wake(); });
+    bridge->start();
+    service.mqtt = bridge.get();
+  }
   jovemu::Router router;
   jovemu::addAllRoutes(router, service);
 
@@ -121,6 +206,7 @@ int run(const Options& options) {
   sigwait(&stopSignals, &received);
   if (options.verbose) std::fprintf(stderr, "jov-emulator: stopping on signal %d\n", received);
   server.stop();
+  if (bridge) bridge->stop();
   if (!options.exportDir.empty()) jovemu::exportStore(db, options.exportDir);
   return 0;
 }
@@ -164,6 +250,11 @@ int main(int argc, char** argv) {
                  "Megabytes one server-code execution may hold")
       ->capture_default_str()
       ->check(CLI::Range(std::size_t{1}, std::size_t{4096}));
+  app.add_option("--mqtt", options.mqtt,
+                 "Publish MQTT deliveries to a mosquitto broker: HOST:PORT (with --mqtt-admin) "
+                 "of one running the dynamic security plugin, or 'auto' to start one");
+  app.add_option("--mqtt-admin", options.mqttAdmin,
+                 "USER:PASSWORD of that broker's dynamic security administrator");
   CLI11_PARSE(app, argc, argv);
 
   try {

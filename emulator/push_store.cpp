@@ -24,6 +24,61 @@ std::optional<InstallationRow> findInstallation(Connection& conn, const std::str
                          stmt.textOr(3), stmt.integer(4) != 0, stmt.integer(5)};
 }
 
+std::optional<InstallationRow> findInstallationByID(Connection& conn, const std::string& appID,
+                                                    const std::string& installationID) {
+  auto stmt = conn.prepare(
+      "SELECT installation_id, device_type, token, user_id, development, created "
+      "FROM push_installations WHERE app_id = ?1 AND installation_id = ?2");
+  stmt.bind(1, appID).bind(2, installationID);
+  if (!stmt.step()) return std::nullopt;
+  return InstallationRow{stmt.textOr(0), stmt.textOr(1),       stmt.textOr(2),
+                         stmt.textOr(3), stmt.integer(4) != 0, stmt.integer(5)};
+}
+
+std::string mqttTopicOf(const std::string& installationID) {
+  return "jov/installations/" + installationID;
+}
+
+std::string mqttUsernameOf(const std::string& installationID) {
+  return "jov-" + installationID;
+}
+
+std::optional<MqttAccount> findMqttAccount(Connection& conn, const std::string& appID,
+                                           const std::string& installationID) {
+  auto stmt = conn.prepare(
+      "SELECT installation_id, username, password, topic, provisioned FROM mqtt_accounts "
+      "WHERE app_id = ?1 AND installation_id = ?2");
+  stmt.bind(1, appID).bind(2, installationID);
+  if (!stmt.step()) return std::nullopt;
+  return MqttAccount{stmt.textOr(0), stmt.textOr(1), stmt.textOr(2), stmt.textOr(3),
+                     stmt.integer(4) != 0};
+}
+
+void insertMqttAccount(Connection& conn, const std::string& appID, const MqttAccount& account) {
+  auto stmt = conn.prepare(
+      "INSERT INTO mqtt_accounts (app_id, installation_id, username, password, topic, "
+      "provisioned) VALUES (?1, ?2, ?3, ?4, ?5, ?6)");
+  stmt.bind(1, appID).bind(2, account.installationID).bind(3, account.username);
+  stmt.bind(4, account.password).bind(5, account.topic).bind(6, account.provisioned);
+  stmt.run();
+}
+
+void markMqttAccountProvisioned(Connection& conn, const std::string& appID,
+                                const std::string& installationID) {
+  auto stmt = conn.prepare(
+      "UPDATE mqtt_accounts SET provisioned = 1 WHERE app_id = ?1 AND installation_id = ?2");
+  stmt.bind(1, appID).bind(2, installationID);
+  stmt.run();
+}
+
+void deleteMqttAccount(Connection& conn, const std::string& appID,
+                       const std::string& installationID) {
+  auto stmt =
+      conn.prepare("DELETE FROM mqtt_accounts WHERE app_id = ?1 AND installation_id = ?2");
+  stmt.bind(1, appID).bind(2, installationID);
+  stmt.run();
+}
+
 void insertInstallation(Connection& conn, const std::string& appID, const InstallationRow& row) {
   auto stmt = conn.prepare(
       "INSERT INTO push_installations "
@@ -229,6 +284,8 @@ void insertDelivery(Connection& conn, const std::string& appID, const Delivery& 
   stmt.bind(4, delivery.installationID).bind(5, delivery.deviceType).bind(6, delivery.channel);
   stmt.bind(7, delivery.payload.dump()).bind(8, delivery.created);
   stmt.run();
+  // The MQTT bridge publishes it once the transaction commits.
+  if (delivery.channel == "MQTT") conn.notifyOnCommit();
 }
 
 nlohmann::json pushOutbox(Connection& conn, const std::string& appID) {

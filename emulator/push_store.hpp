@@ -29,9 +29,33 @@ struct InstallationRow {
 std::optional<InstallationRow> findInstallation(Connection& conn, const std::string& appID,
                                                 const std::string& deviceType,
                                                 const std::string& token);
+/// @brief The installation with this ID, whoever it belongs to.
+std::optional<InstallationRow> findInstallationByID(Connection& conn, const std::string& appID,
+                                                    const std::string& installationID);
 void insertInstallation(Connection& conn, const std::string& appID, const InstallationRow& row);
 void deleteInstallation(Connection& conn, const std::string& appID, const std::string& deviceType,
                         const std::string& token);
+
+/// @brief The broker account of an MQTT installation.
+struct MqttAccount {
+  std::string installationID;
+  std::string username;
+  std::string password;
+  std::string topic;
+  bool provisioned = false;  ///< the broker confirmed it
+};
+
+/// @brief The topic and account name of an installation: the same for the same installation,
+/// so that deliveries can be published before the account is made.
+std::string mqttTopicOf(const std::string& installationID);
+std::string mqttUsernameOf(const std::string& installationID);
+std::optional<MqttAccount> findMqttAccount(Connection& conn, const std::string& appID,
+                                           const std::string& installationID);
+void insertMqttAccount(Connection& conn, const std::string& appID, const MqttAccount& account);
+void markMqttAccountProvisioned(Connection& conn, const std::string& appID,
+                                const std::string& installationID);
+void deleteMqttAccount(Connection& conn, const std::string& appID,
+                       const std::string& installationID);
 
 /// @brief A topic as a request addresses it: its scope (owner ID empty for the application) and
 /// name.

@@ -24,6 +24,8 @@ struct ServiceSettings {
   ScriptLimits scriptLimits;
 };
 
+class MqttBridge;
+
 class Service {
  public:
   Service(Database& db, AppRegistry& apps, ServiceSettings settings)
@@ -32,6 +34,8 @@ class Service {
   Database& db;
   AppRegistry& apps;
   const ServiceSettings settings;
+  /// The MQTT broker deliveries are published to; nullptr when the emulator runs without one.
+  MqttBridge* mqtt = nullptr;
 
   /// @brief Milliseconds since 1970.
   static std::int64_t now();

@@ -69,8 +69,12 @@ int main(int argc, char** argv) {
     if (auto from = message.senderUser()) std::cout << "  from user " << from->userID() << "\n";
   });
   if (!check(receiver->start(), "start listening")) return 1;
-  if (!JovMainQueue::runUntil(1, std::chrono::seconds(10)) ||
-      receiver->state() != JovPushReceiverState::Listening) {
+  const auto connectBy = Clock::now() + std::chrono::seconds(10);
+  while (receiver->state() != JovPushReceiverState::Listening && Clock::now() < connectBy) {
+    JovMainQueue::runUntil(1, std::chrono::milliseconds(100));
+  }
+  JovMainQueue::poll();  // the state change to listening, told above
+  if (receiver->state() != JovPushReceiverState::Listening) {
     std::cerr << "bob's listener did not connect within 10 s\n";
     return 1;
   }

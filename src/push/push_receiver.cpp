@@ -266,6 +266,7 @@ Result<void> JovPushReceiver::start() {
   };
   mosquitto_threaded_set(mosq, true);
   mosquitto_int_option(mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
+  mosquitto_int_option(mosq, MOSQ_OPT_TCP_NODELAY, 1);  // a push is small and waited for
   if (int rc = mosquitto_username_pw_set(mosq, endpoint.username.c_str(), endpoint.password.c_str());
       rc != MOSQ_ERR_SUCCESS) {
     return refuse(mosquitto_strerror(rc));
