@@ -96,8 +96,9 @@ void MqttBridge::runNetwork() {
   std::chrono::milliseconds delay(250);
   bool first = true;
   while (!isStopping()) {
-    int rc = first ? mosquitto_connect(mosq_, settings_.host.c_str(), settings_.port, 30)
-                   : mosquitto_reconnect(mosq_);
+    // Both only start connecting; the loop finishes it, so stop() never waits for the broker.
+    int rc = first ? mosquitto_connect_async(mosq_, settings_.host.c_str(), settings_.port, 30)
+                   : mosquitto_reconnect_async(mosq_);
     first = false;
     if (rc == MOSQ_ERR_SUCCESS) {
       while (!isStopping()) {

@@ -185,10 +185,11 @@ struct JovPushReceiver::Core : std::enable_shared_from_this<Core> {
     bool first = true;
     while (!isStopping()) {
       subscribed = false;
-      // The first call keeps host, port and keep-alive for every reconnect after it.
-      int rc = first ? mosquitto_connect(mosq, endpoint.host.c_str(), port(),
-                                         static_cast<int>(options.keepAlive.count()))
-                     : mosquitto_reconnect(mosq);
+      // The first call keeps host, port and keep-alive for every reconnect after it. Both only
+      // start connecting: the loop below finishes it, so stop() never waits for a slow peer.
+      int rc = first ? mosquitto_connect_async(mosq, endpoint.host.c_str(), port(),
+                                               static_cast<int>(options.keepAlive.count()))
+                     : mosquitto_reconnect_async(mosq);
       first = false;
       if (rc == MOSQ_ERR_SUCCESS) {
         while (!isStopping()) {
