@@ -6,6 +6,7 @@
 //
 //   jov_engine_bench URL APP KEY                 P2 and P3, prints one line per figure
 //   jov_engine_bench URL APP KEY p4 jov|multi    prints the peak RSS of one side (kB)
+//   jov_engine_bench URL APP KEY p5              the object saves alone
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <netinet/in.h>
@@ -19,6 +20,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
+#include <functional>
 #include <future>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -171,19 +173,28 @@ size_t collect(char* data, size_t size, size_t count, void* out) {
   return size * count;
 }
 
-// The same GETs with curl multi, as a user would write them: one handle per request in flight,
-// reused, the JSON parsed when an answer is complete.
-Figures runMulti(const std::string& base, int total, int inFlight) {
+// `total` requests with curl multi, `inFlight` at a time, as a user would write them: one
+// handle per request in flight, reused, the answer parsed when it is complete. `prepare` sets a
+// handle up for the next request (its body, if any, kept in `request`); `accept` judges an
+// answer by its status and JSON.
+struct MultiRequests {
+  std::string url;
+  std::vector<std::string> headers;
+  std::function<void(CURL*, std::string& request, int index)> prepare;
+  std::function<bool(long status, const nlohmann::json& answer)> accept;
+};
+
+Figures runMultiRequests(const MultiRequests& spec, int total, int inFlight) {
   CURLM* multi = curl_multi_init();
   curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, 64L);
-  const std::string url = base + "/apps/" + gApp + "/users/" + gUserID;
   curl_slist* headers = nullptr;
   headers = curl_slist_append(headers, ("X-Jov-AppID: " + gApp).c_str());
   headers = curl_slist_append(headers, ("X-Jov-AppKey: " + gKey).c_str());
   headers = curl_slist_append(headers, ("Authorization: Bearer " + gToken).c_str());
+  for (const auto& header : spec.headers) headers = curl_slist_append(headers, header.c_str());
   struct Slot {
     CURL* easy;
-    std::string body;
+    std::string request, body;
   };
   std::vector<Slot> slots(static_cast<size_t>(std::min(inFlight, total)));
   int started = 0, finished = 0, failures = 0;
@@ -191,11 +202,12 @@ Figures runMulti(const std::string& base, int total, int inFlight) {
   const auto t0 = Clock::now();
   auto start = [&](Slot& slot) {
     slot.body.clear();
-    curl_easy_setopt(slot.easy, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(slot.easy, CURLOPT_URL, spec.url.c_str());
     curl_easy_setopt(slot.easy, CURLOPT_HTTPHEADER, headers);
     curl_easy_setopt(slot.easy, CURLOPT_WRITEFUNCTION, collect);
     curl_easy_setopt(slot.easy, CURLOPT_WRITEDATA, &slot.body);
     curl_easy_setopt(slot.easy, CURLOPT_PRIVATE, &slot);
+    if (spec.prepare) spec.prepare(slot.easy, slot.request, started);
     curl_multi_add_handle(multi, slot.easy);
     ++started;
   };
@@ -211,10 +223,12 @@ Figures runMulti(const std::string& base, int total, int inFlight) {
       if (msg->msg != CURLMSG_DONE) continue;
       Slot* slot = nullptr;
       curl_easy_getinfo(msg->easy_handle, CURLINFO_PRIVATE, reinterpret_cast<char**>(&slot));
+      long status = 0;
+      curl_easy_getinfo(slot->easy, CURLINFO_RESPONSE_CODE, &status);
       const bool ok = msg->data.result == CURLE_OK;
       curl_multi_remove_handle(multi, slot->easy);
       auto json = nlohmann::json::parse(slot->body, nullptr, false);
-      if (!ok || json.is_discarded() || json.value("userID", "") != gUserID) ++failures;
+      if (!ok || json.is_discarded() || !spec.accept(status, json)) ++failures;
       ++finished;
       if (started < total) start(*slot);
     }
@@ -228,6 +242,16 @@ Figures runMulti(const std::string& base, int total, int inFlight) {
   curl_slist_free_all(headers);
   curl_multi_cleanup(multi);
   return f;
+}
+
+// The user's GETs of runJov with curl multi.
+Figures runMulti(const std::string& base, int total, int inFlight) {
+  MultiRequests spec;
+  spec.url = base + "/apps/" + gApp + "/users/" + gUserID;
+  spec.accept = [](long, const nlohmann::json& json) {
+    return json.is_object() && json.value("userID", "") == gUserID;
+  };
+  return runMultiRequests(spec, total, inFlight);
 }
 
 // `total` new objects saved in the user's bucket through the future form, `inFlight` futures
@@ -256,70 +280,21 @@ Figures runJovSaves(const std::shared_ptr<jov::JovBucket>& bucket, int total, in
   return f;
 }
 
-// The same POSTs with curl multi: one reused handle per request in flight, the created record
-// parsed for its ID.
+// The same POSTs with curl multi, the created record read for its ID.
 Figures runMultiSaves(const std::string& base, const std::string& bucketPath, int total,
                       int inFlight) {
-  CURLM* multi = curl_multi_init();
-  const std::string url = base + "/apps/" + gApp + bucketPath + "/objects";
-  curl_slist* headers = nullptr;
-  headers = curl_slist_append(headers, ("X-Jov-AppID: " + gApp).c_str());
-  headers = curl_slist_append(headers, ("X-Jov-AppKey: " + gKey).c_str());
-  headers = curl_slist_append(headers, ("Authorization: Bearer " + gToken).c_str());
-  headers = curl_slist_append(headers, "Content-Type: application/json");
-  struct Slot {
-    CURL* easy;
-    std::string request, body;
+  MultiRequests spec;
+  spec.url = base + "/apps/" + gApp + bucketPath + "/objects";
+  spec.headers = {"Content-Type: application/json"};
+  spec.prepare = [](CURL* easy, std::string& request, int index) {
+    request = nlohmann::json{{"n", index}, {"text", "saved by the engine benchmark"}}.dump();
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request.c_str());
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.size()));
   };
-  std::vector<Slot> slots(static_cast<size_t>(std::min(inFlight, total)));
-  int started = 0, finished = 0, failures = 0;
-  const double cpu0 = cpuSeconds();
-  const auto t0 = Clock::now();
-  auto start = [&](Slot& slot) {
-    slot.body.clear();
-    slot.request =
-        nlohmann::json{{"n", started}, {"text", "saved by the engine benchmark"}}.dump();
-    curl_easy_setopt(slot.easy, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(slot.easy, CURLOPT_HTTPHEADER, headers);
-    curl_easy_setopt(slot.easy, CURLOPT_POSTFIELDS, slot.request.c_str());
-    curl_easy_setopt(slot.easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(slot.request.size()));
-    curl_easy_setopt(slot.easy, CURLOPT_WRITEFUNCTION, collect);
-    curl_easy_setopt(slot.easy, CURLOPT_WRITEDATA, &slot.body);
-    curl_easy_setopt(slot.easy, CURLOPT_PRIVATE, &slot);
-    curl_multi_add_handle(multi, slot.easy);
-    ++started;
+  spec.accept = [](long status, const nlohmann::json& json) {
+    return status == 201 && json.is_object() && json.contains("objectID");
   };
-  for (auto& slot : slots) {
-    slot.easy = curl_easy_init();
-    start(slot);
-  }
-  while (finished < total) {
-    int running = 0;
-    curl_multi_perform(multi, &running);
-    int queued = 0;
-    while (CURLMsg* msg = curl_multi_info_read(multi, &queued)) {
-      if (msg->msg != CURLMSG_DONE) continue;
-      Slot* slot = nullptr;
-      curl_easy_getinfo(msg->easy_handle, CURLINFO_PRIVATE, reinterpret_cast<char**>(&slot));
-      long status = 0;
-      curl_easy_getinfo(slot->easy, CURLINFO_RESPONSE_CODE, &status);
-      const bool ok = msg->data.result == CURLE_OK && status == 201;
-      curl_multi_remove_handle(multi, slot->easy);
-      auto json = nlohmann::json::parse(slot->body, nullptr, false);
-      if (!ok || json.is_discarded() || !json.contains("objectID")) ++failures;
-      ++finished;
-      if (started < total) start(*slot);
-    }
-    if (finished < total) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
-  }
-  Figures f;
-  f.seconds = std::chrono::duration<double>(Clock::now() - t0).count();
-  f.cpu = cpuSeconds() - cpu0;
-  f.failures = failures;
-  for (auto& slot : slots) curl_easy_cleanup(slot.easy);
-  curl_slist_free_all(headers);
-  curl_multi_cleanup(multi);
-  return f;
+  return runMultiRequests(spec, total, inFlight);
 }
 
 void logIn(const std::string& base) {
@@ -333,6 +308,27 @@ void logIn(const std::string& base) {
   if (!login) throw std::runtime_error("cannot log in");
   gToken = login.value()->accessToken();
   gUserID = login.value()->userID();
+}
+
+// P5: 10,000 object saves through the future form at 16 in flight against the same POSTs with
+// curl multi, interleaved, best of two halves each.
+void printSaves() {
+  auto bucket = jov::Jov::currentUser()->bucketWithName("enginesaves");
+  const std::string path = bucket->bucketPath().value_or("");
+  constexpr int kTotal = 10000, kInFlight = 16;
+  Figures jovRun{}, multiRun{};
+  for (int round = 0; round < 2; ++round) {
+    Figures m = runMultiSaves(gBase, path, kTotal / 2, kInFlight);
+    Figures j = runJovSaves(bucket, kTotal / 2, kInFlight);
+    if (round == 0 || j.seconds < jovRun.seconds) jovRun = j;
+    if (round == 0 || m.seconds < multiRun.seconds) multiRun = m;
+  }
+  const double jovRate = kTotal / 2 / jovRun.seconds, multiRate = kTotal / 2 / multiRun.seconds;
+  std::printf(
+      "P5 object saves, future form at %d in flight: libjov %.0f saves/s, curl multi %.0f "
+      "POSTs/s, ratio %.2f (target >= 0.90); client CPU %.1f us vs %.1f us per save%s\n",
+      kInFlight, jovRate, multiRate, jovRate / multiRate, jovRun.cpu / (kTotal / 2) * 1e6,
+      multiRun.cpu / (kTotal / 2) * 1e6, jovRun.failures + multiRun.failures ? " FAILURES" : "");
 }
 
 long peakRssKb() {
@@ -355,6 +351,11 @@ int main(int argc, char** argv) {
   curl_global_init(CURL_GLOBAL_DEFAULT);
   std::srand(static_cast<unsigned>(::getpid()));
   logIn(gBase);
+
+  if (argc >= 5 && std::string(argv[4]) == "p5") {
+    printSaves();
+    return 0;
+  }
 
   if (argc >= 6 && std::string(argv[4]) == "p4") {
     // 10,000 operations submitted at once; the peak memory of the whole process.
@@ -422,26 +423,6 @@ int main(int argc, char** argv) {
         jovRun.failures + multiRun.failures ? " FAILURES" : "");
   }
 
-  // P5: 10,000 object saves through the future form at 16 in flight against the same POSTs with
-  // curl multi, interleaved, best of two halves each.
-  {
-    auto bucket = jov::Jov::currentUser()->bucketWithName("enginesaves");
-    const std::string path = bucket->bucketPath().value_or("");
-    constexpr int kTotal = 10000, kInFlight = 16;
-    Figures jovRun{}, multiRun{};
-    for (int round = 0; round < 2; ++round) {
-      Figures m = runMultiSaves(gBase, path, kTotal / 2, kInFlight);
-      Figures j = runJovSaves(bucket, kTotal / 2, kInFlight);
-      if (round == 0 || j.seconds < jovRun.seconds) jovRun = j;
-      if (round == 0 || m.seconds < multiRun.seconds) multiRun = m;
-    }
-    const double jovRate = kTotal / 2 / jovRun.seconds, multiRate = kTotal / 2 / multiRun.seconds;
-    std::printf(
-        "P5 object saves, future form at %d in flight: libjov %.0f saves/s, curl multi %.0f "
-        "POSTs/s, ratio %.2f (target >= 0.90); client CPU %.1f us vs %.1f us per save%s\n",
-        kInFlight, jovRate, multiRate, jovRate / multiRate, jovRun.cpu / (kTotal / 2) * 1e6,
-        multiRun.cpu / (kTotal / 2) * 1e6,
-        jovRun.failures + multiRun.failures ? " FAILURES" : "");
-  }
+  printSaves();
   return 0;
 }
