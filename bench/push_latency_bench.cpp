@@ -82,8 +82,9 @@ int main(int argc, char** argv) {
     return latencies[std::min(latencies.size() - 1,
                               static_cast<std::size_t>(q * static_cast<double>(latencies.size())))];
   };
-  std::printf("P-push send to handler over MQTT, %d messages: median %.2f ms, p99 %.2f ms, "
-              "max %.2f ms (target: median <= 5 ms)\n",
-              count, at(0.5), at(0.99), latencies.back());
+  std::printf(
+      "P-push send to handler over MQTT, %d messages: median %.2f ms, p99 %.2f ms, "
+      "max %.2f ms (target: median <= 5 ms)\n",
+      count, at(0.5), at(0.99), latencies.back());
   return 0;
 }

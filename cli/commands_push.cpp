@@ -116,7 +116,8 @@ void listen(Context& ctx, int count, double timeout) {
   if (installation) {
     auto fetched = installation->endpointSynchronous();
     // An installation removed meanwhile (on the service, or by another program) is replaced.
-    if (fetched) endpoint = std::move(fetched).value();
+    if (fetched)
+      endpoint = std::move(fetched).value();
     else if (fetched.error().code() != jov::JovError::codeInstallationNotFound()) {
       throw failure("cannot read the MQTT endpoint: " + describeError(fetched.error()));
     }
@@ -131,8 +132,10 @@ void listen(Context& ctx, int count, double timeout) {
   int received = 0;
   receiver->setMessageHandler([&](const jov::JovReceivedMessage& message) {
     ++received;
-    if (ctx.jsonOutput()) std::cout << message.rawMessage().dump() << std::endl;
-    else std::cout << describePush(message) << std::endl;
+    if (ctx.jsonOutput())
+      std::cout << message.rawMessage().dump() << std::endl;
+    else
+      std::cout << describePush(message) << std::endl;
     if (count > 0 && received >= count) jov::JovMainQueue::stop();
   });
   const std::string where = "mqtt://" + endpoint->host + ":" + std::to_string(endpoint->portTCP);
@@ -147,10 +150,9 @@ void listen(Context& ctx, int count, double timeout) {
     const auto limit = std::chrono::milliseconds(static_cast<std::int64_t>(timeout * 1000));
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while ((count <= 0 || received < count) && std::chrono::steady_clock::now() < deadline) {
-      jov::JovMainQueue::runUntil(
-          static_cast<std::size_t>(1),
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
-                                                                std::chrono::steady_clock::now()));
+      jov::JovMainQueue::runUntil(static_cast<std::size_t>(1),
+                                  std::chrono::duration_cast<std::chrono::milliseconds>(
+                                      deadline - std::chrono::steady_clock::now()));
     }
   } else {
     jov::JovMainQueue::run();

@@ -100,8 +100,8 @@ class Broker {
       std::ofstream out(secret, std::ios::trunc);
       out << password << "\n";
       if (!out.flush()) throw std::runtime_error("cannot write " + secret.string());
-      std::filesystem::permissions(secret, std::filesystem::perms::owner_read |
-                                               std::filesystem::perms::owner_write);
+      std::filesystem::permissions(
+          secret, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
     }
     settings_.adminUser = "jov-emulator";
     settings_.adminPassword = password;

@@ -28,7 +28,9 @@ bool refusedOnlyAsExisting(const nlohmann::json& response) {
 MqttBridge::MqttBridge(Database& db, MqttSettings settings)
     : db_(db), settings_(std::move(settings)) {}
 
-MqttBridge::~MqttBridge() { stop(); }
+MqttBridge::~MqttBridge() {
+  stop();
+}
 
 void MqttBridge::start() {
   if (mosq_) return;
@@ -200,9 +202,8 @@ std::optional<nlohmann::json> MqttBridge::control(nlohmann::json commands,
                                    payload.data(), 1, false);
   std::unique_lock lock(mutex_);
   if (rc == MOSQ_ERR_SUCCESS) {
-    changed_.wait_for(lock, wait, [&] {
-      return stopping_ || pending.responses.size() >= commands.size();
-    });
+    changed_.wait_for(lock, wait,
+                      [&] { return stopping_ || pending.responses.size() >= commands.size(); });
   }
   pending_.erase(id);
   if (pending.responses.size() < commands.size()) return std::nullopt;
@@ -254,8 +255,8 @@ void MqttBridge::remove(const std::string& username) {
     commands[i]["correlationData"] = "remove:" + std::to_string(i);
   }
   const std::string payload = nlohmann::json{{"commands", commands}}.dump();
-  mosquitto_publish(mosq_, nullptr, kControlTopic, static_cast<int>(payload.size()),
-                    payload.data(), 1, false);
+  mosquitto_publish(mosq_, nullptr, kControlTopic, static_cast<int>(payload.size()), payload.data(),
+                    1, false);
 }
 
 // ---------------------------------------------------------------- publishing
@@ -264,9 +265,8 @@ void MqttBridge::runPublisher() {
   while (true) {
     {
       std::unique_lock lock(mutex_);
-      changed_.wait(lock, [this] {
-        return stopping_ || (connected_ && work_) || acked_ != saved_;
-      });
+      changed_.wait(lock,
+                    [this] { return stopping_ || (connected_ && work_) || acked_ != saved_; });
       if (stopping_) return;
     }
     saveCursor();
@@ -301,9 +301,9 @@ void MqttBridge::publishBatch() {
     // A connection lost meanwhile starts again from what was acknowledged.
     if (!connected_ || sent_ != after) return;
     int mid = 0;
-    const int rc = mosquitto_publish(mosq_, &mid, row.topic.c_str(),
-                                     static_cast<int>(row.payload.size()), row.payload.data(), 1,
-                                     false);
+    const int rc =
+        mosquitto_publish(mosq_, &mid, row.topic.c_str(), static_cast<int>(row.payload.size()),
+                          row.payload.data(), 1, false);
     if (rc != MOSQ_ERR_SUCCESS) {
       work_ = true;
       return;

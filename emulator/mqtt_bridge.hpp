@@ -73,12 +73,12 @@ class MqttBridge {
   std::mutex mutex_;
   std::condition_variable changed_;
   bool stopping_ = false;
-  bool connected_ = false;   // CONNACK accepted and subscribed to the control responses
-  bool work_ = true;         // deliveries may be waiting
-  std::int64_t sent_ = 0;    // the last delivery handed to the broker
-  std::int64_t acked_ = 0;   // every delivery up to this one was acknowledged
-  std::int64_t saved_ = 0;   // what the store holds as acknowledged
-  std::map<int, std::int64_t> inFlight_;  // message ID -> delivery seq
+  bool connected_ = false;  // CONNACK accepted and subscribed to the control responses
+  bool work_ = true;        // deliveries may be waiting
+  std::int64_t sent_ = 0;   // the last delivery handed to the broker
+  std::int64_t acked_ = 0;  // every delivery up to this one was acknowledged
+  std::int64_t saved_ = 0;  // what the store holds as acknowledged
+  std::map<int, std::int64_t> inFlight_;     // message ID -> delivery seq
   std::map<std::string, Pending*> pending_;  // correlation data -> waiting control request
   std::uint64_t nextCorrelation_ = 0;
 };

@@ -24,8 +24,7 @@ namespace {
 
 std::string base64(const unsigned char* bytes, int size) {
   std::string out(static_cast<std::size_t>(4 * ((size + 2) / 3)), '\0');
-  const int written =
-      EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()), bytes, size);
+  const int written = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()), bytes, size);
   out.resize(static_cast<std::size_t>(written));
   return out;
 }
@@ -53,8 +52,8 @@ nlohmann::json acl(const char* type, const char* topic) {
 }
 
 std::string dynamicSecurityPlugin() {
-  for (const char* dir : {"/usr/lib/x86_64-linux-gnu", "/usr/lib/aarch64-linux-gnu", "/usr/lib",
-                          "/usr/local/lib"}) {
+  for (const char* dir :
+       {"/usr/lib/x86_64-linux-gnu", "/usr/lib/aarch64-linux-gnu", "/usr/lib", "/usr/local/lib"}) {
     const auto path = std::filesystem::path(dir) / "mosquitto_dynamic_security.so";
     if (std::filesystem::exists(path)) return path.string();
   }
@@ -68,8 +67,7 @@ bool accepts(int port) {
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<std::uint16_t>(port));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const bool connected =
-      ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  const bool connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
   ::close(fd);
   return connected;
 }
@@ -114,21 +112,20 @@ void writeBrokerConfig(const std::filesystem::path& dir, int port, const std::st
   std::filesystem::create_directories(dir);
   const auto dynsec = dir / "dynsec.json";
   if (!std::filesystem::exists(dynsec)) {
-    nlohmann::json config = {
-        {"clients", {adminClient(adminUser, adminPassword)}},
-        {"roles",
-         {{{"rolename", "jov-admin"},
-           {"acls",
-            {acl("publishClientSend", "$CONTROL/dynamic-security/#"),
-             acl("publishClientReceive", "$CONTROL/dynamic-security/#"),
-             acl("subscribePattern", "$CONTROL/dynamic-security/#"),
-             acl("publishClientSend", "jov/#")}}}}},
-        // Nobody subscribes where no role of theirs allows it.
-        {"defaultACLAccess",
-         {{"publishClientSend", false},
-          {"publishClientReceive", true},
-          {"subscribe", false},
-          {"unsubscribe", true}}}};
+    nlohmann::json config = {{"clients", {adminClient(adminUser, adminPassword)}},
+                             {"roles",
+                              {{{"rolename", "jov-admin"},
+                                {"acls",
+                                 {acl("publishClientSend", "$CONTROL/dynamic-security/#"),
+                                  acl("publishClientReceive", "$CONTROL/dynamic-security/#"),
+                                  acl("subscribePattern", "$CONTROL/dynamic-security/#"),
+                                  acl("publishClientSend", "jov/#")}}}}},
+                             // Nobody subscribes where no role of theirs allows it.
+                             {"defaultACLAccess",
+                              {{"publishClientSend", false},
+                               {"publishClientReceive", true},
+                               {"subscribe", false},
+                               {"unsubscribe", true}}}};
     std::ofstream out(dynsec, std::ios::trunc);
     out << config.dump(1, '\t') << "\n";
     if (!out.flush()) throw std::runtime_error("cannot write " + dynsec.string());
@@ -155,7 +152,9 @@ void writeBrokerConfig(const std::filesystem::path& dir, int port, const std::st
 BrokerProcess::BrokerProcess(std::filesystem::path dir, int port)
     : dir_(std::move(dir)), port_(port) {}
 
-BrokerProcess::~BrokerProcess() { stop(); }
+BrokerProcess::~BrokerProcess() {
+  stop();
+}
 
 void BrokerProcess::start() {
   if (pid_ > 0) return;

@@ -6,7 +6,9 @@ namespace {
 
 // Binds a topic's key to ?1 (application) to ?4 (name) of a statement.
 Statement& bindTopic(Statement& stmt, const std::string& appID, const TopicKey& key) {
-  return stmt.bind(1, appID).bind(2, scopeWord(key.scope.kind)).bind(3, key.scope.ownerID)
+  return stmt.bind(1, appID)
+      .bind(2, scopeWord(key.scope.kind))
+      .bind(3, key.scope.ownerID)
       .bind(4, key.name);
 }
 
@@ -73,8 +75,7 @@ void markMqttAccountProvisioned(Connection& conn, const std::string& appID,
 
 void deleteMqttAccount(Connection& conn, const std::string& appID,
                        const std::string& installationID) {
-  auto stmt =
-      conn.prepare("DELETE FROM mqtt_accounts WHERE app_id = ?1 AND installation_id = ?2");
+  auto stmt = conn.prepare("DELETE FROM mqtt_accounts WHERE app_id = ?1 AND installation_id = ?2");
   stmt.bind(1, appID).bind(2, installationID);
   stmt.run();
 }
@@ -174,8 +175,7 @@ void dropScopeTopics(Connection& conn, const std::string& appID, const BucketSco
 }
 
 void forgetSubscriber(Connection& conn, const std::string& appID, const std::string& subscriber) {
-  auto stmt =
-      conn.prepare("DELETE FROM push_subscriptions WHERE app_id = ?1 AND subscriber = ?2");
+  auto stmt = conn.prepare("DELETE FROM push_subscriptions WHERE app_id = ?1 AND subscriber = ?2");
   stmt.bind(1, appID).bind(2, subscriber);
   stmt.run();
   auto buckets = conn.prepare(

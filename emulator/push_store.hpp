@@ -4,11 +4,10 @@
 #pragma once
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "acl_store.hpp"
 #include "database.hpp"
@@ -98,8 +97,7 @@ std::vector<std::string> topicSubscribers(Connection& conn, const std::string& a
                                           const TopicKey& key);
 
 /// @brief The entries of a topic's access control list.
-std::vector<AclEntry> topicEntries(Connection& conn, const std::string& appID,
-                                   const TopicKey& key);
+std::vector<AclEntry> topicEntries(Connection& conn, const std::string& appID, const TopicKey& key);
 /// @brief Adds an entry; granting what is granted changes nothing.
 void grantTopicEntry(Connection& conn, const std::string& appID, const TopicKey& key,
                      const AclEntry& entry);
@@ -112,8 +110,7 @@ std::vector<InstallationRow> userInstallations(Connection& conn, const std::stri
                                                const std::string& userID);
 
 /// @brief Subscriptions ("users/ID") to the changes of a bucket's objects.
-bool hasBucketSubscription(Connection& conn, std::int64_t bucketKey,
-                           const std::string& subscriber);
+bool hasBucketSubscription(Connection& conn, std::int64_t bucketKey, const std::string& subscriber);
 void insertBucketSubscription(Connection& conn, std::int64_t bucketKey,
                               const std::string& subscriber, std::int64_t nowMs);
 void deleteBucketSubscription(Connection& conn, std::int64_t bucketKey,

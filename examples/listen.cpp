@@ -78,15 +78,16 @@ int main(int argc, char** argv) {
     std::cerr << "bob's listener did not connect within 10 s\n";
     return 1;
   }
-  std::cout << "bob listens on mqtt://" << endpoint.value().host << ":"
-            << endpoint.value().portTCP << " (" << endpoint.value().topic << ")\n";
+  std::cout << "bob listens on mqtt://" << endpoint.value().host << ":" << endpoint.value().portTCP
+            << " (" << endpoint.value().topic << ")\n";
 
   // Alice's side: the receiver keeps its own connection, whoever is logged in here.
   if (!check(JovUser::authenticateSynchronous("alice-l" + suffix, "pass1234"), "log alice in")) {
     return 1;
   }
   for (int i = 1; i <= 3; ++i) {
-    auto message = JovPushMessage::composeMessageWithData({{"headline", "news #" + std::to_string(i)}});
+    auto message =
+        JovPushMessage::composeMessageWithData({{"headline", "news #" + std::to_string(i)}});
     sentAt = Clock::now();
     if (!check(topic->sendMessageSynchronous(message), "send the message")) return 1;
     // Each one within a second, or the demo fails.

@@ -1,10 +1,10 @@
 // The install and uninstall exchanges and the routines behind every form of JovPushInstallation.
 
-#include "core/exchange.hpp"
 #include "jov/application.hpp"
 #include "jov/logger.hpp"
 #include "jov/push_installation.hpp"
 #include "jov/user.hpp"
+#include "push/installation_exchange.hpp"
 
 namespace jov {
 
@@ -16,25 +16,14 @@ using detail::onStatus;
 using detail::Routine;
 using detail::send;
 
-// The service answers 409 for a token installed already and 404 when it does not know the user
-// the installation would belong to.
-constexpr detail::ErrorRule kInstallErrors[] = {
-    onStatus(409, JovError::codeInstallationAlreadyExist()),
-    onStatus(404, JovError::codeObjectNotFound()),
-};
-constexpr Exchange kInstall{JovMethodPost,
-                            "/installations",
-                            {.contentType = "application/vnd.jov.InstallationCreationRequest+json",
-                             .errors = kInstallErrors}};
+using detail::kInstall;
+
 // Uninstall has no table: its answers go through JovPushInstallationErrorHandler by status.
 constexpr Exchange kUninstall{JovMethodDelete, "/installations/IOS:{}"};
 
 // An install or uninstall needs somebody logged in (checked first), then a token.
 std::optional<JovError> checkPreconditions(const std::string& hexToken) {
-  auto user = Jov::currentUser();
-  if (!user || user->userID().empty()) {
-    return JovError::errorWithCode(JovError::codeInvalidUserObject());
-  }
+  if (auto refused = detail::requireInstallingUser()) return refused;
   if (hexToken.empty()) return JovError::errorWithCode(JovError::codeDeviceTokenNotSet());
   return std::nullopt;
 }

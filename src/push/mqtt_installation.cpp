@@ -3,10 +3,10 @@
 
 #include "jov/mqtt_installation.hpp"
 
-#include "core/exchange.hpp"
 #include "jov/application.hpp"
 #include "jov/logger.hpp"
 #include "jov/user.hpp"
+#include "push/installation_exchange.hpp"
 
 namespace jov {
 
@@ -18,40 +18,23 @@ using detail::onStatus;
 using detail::Routine;
 using detail::send;
 
-// As for a device token: 409 for an installation that exists already, 404 when the service does
-// not know the user the installation would belong to.
-constexpr detail::ErrorRule kInstallErrors[] = {
-    onStatus(409, JovError::codeInstallationAlreadyExist()),
-    onStatus(404, JovError::codeObjectNotFound()),
-};
-constexpr Exchange kInstall{JovMethodPost,
-                            "/installations",
-                            {.contentType = "application/vnd.jov.InstallationCreationRequest+json",
-                             .errors = kInstallErrors}};
+using detail::kInstall;
 
 // 404: no such installation, or another user's; 400: an installation of another kind.
 constexpr detail::ErrorRule kEndpointErrors[] = {
     onStatus(404, JovError::codeInstallationNotFound()),
     onStatus(400, JovError::codeInvalidRequestData()),
 };
-constexpr Exchange kEndpoint{JovMethodGet, "/installations/{}/mqtt-endpoint",
-                             {.errors = kEndpointErrors}};
+constexpr Exchange kEndpoint{
+    JovMethodGet, "/installations/{}/mqtt-endpoint", {.errors = kEndpointErrors}};
 
 constexpr detail::ErrorRule kUninstallErrors[] = {
     onStatus(404, JovError::codeInstallationNotFound()),
     onStatus(401, JovError::codeUnauthorizedRequest()),
     onStatus(400, JovError::codeInvalidContainer()),
 };
-constexpr Exchange kUninstall{JovMethodDelete, "/installations/MQTT:{}",
-                              {.errors = kUninstallErrors}};
-
-std::optional<JovError> requireUser() {
-  auto user = Jov::currentUser();
-  if (!user || user->userID().empty()) {
-    return JovError::errorWithCode(JovError::codeInvalidUserObject());
-  }
-  return std::nullopt;
-}
+constexpr Exchange kUninstall{
+    JovMethodDelete, "/installations/MQTT:{}", {.errors = kUninstallErrors}};
 
 std::optional<int> portOf(const nlohmann::json& json, const char* key) {
   auto found = json.find(key);
@@ -67,8 +50,10 @@ std::optional<JovMQTTEndpoint> JovMQTTEndpoint::fromJSON(const nlohmann::json& j
   if (!json.is_object()) return std::nullopt;
   JovMQTTEndpoint endpoint;
   const std::pair<const char*, std::string*> kStrings[] = {
-      {"installationID", &endpoint.installationID}, {"username", &endpoint.username},
-      {"password", &endpoint.password},             {"mqttTopic", &endpoint.topic},
+      {"installationID", &endpoint.installationID},
+      {"username", &endpoint.username},
+      {"password", &endpoint.password},
+      {"mqttTopic", &endpoint.topic},
       {"host", &endpoint.host}};
   for (const auto& [key, into] : kStrings) {
     auto found = json.find(key);
@@ -87,9 +72,12 @@ std::optional<JovMQTTEndpoint> JovMQTTEndpoint::fromJSON(const nlohmann::json& j
 }
 
 nlohmann::json JovMQTTEndpoint::toJSON() const {
-  nlohmann::json json = {{"installationID", installationID}, {"username", username},
-                         {"password", password},             {"mqttTopic", topic},
-                         {"host", host},                     {"portTCP", portTCP}};
+  nlohmann::json json = {{"installationID", installationID},
+                         {"username", username},
+                         {"password", password},
+                         {"mqttTopic", topic},
+                         {"host", host},
+                         {"portTCP", portTCP}};
   if (portTLS) json["portSSL"] = *portTLS;
   return json;
 }
@@ -131,7 +119,7 @@ bool JovMQTTInstallation::loadFromJSON(const nlohmann::json& json) {
 }
 
 Routine<void> JovMQTTInstallation::installRoutine(bool developmentMode) {
-  if (auto refused = requireUser()) co_return *refused;
+  if (auto refused = detail::requireInstallingUser()) co_return *refused;
   nlohmann::json body = {{"deviceType", "MQTT"}};
   if (developmentMode) body["development"] = "true";
   auto answer = co_await send(kInstall, args().json(std::move(body)));
@@ -149,7 +137,7 @@ Routine<JovMQTTInstallation::Ptr> JovMQTTInstallation::installNewRoutine(bool de
 }
 
 Routine<JovMQTTEndpoint> JovMQTTInstallation::endpointRoutine() {
-  if (auto refused = requireUser()) co_return *refused;
+  if (auto refused = detail::requireInstallingUser()) co_return *refused;
   auto id = installationID();
   if (!id || id->empty()) {
     co_return JovError::errorWithCode(JovError::codeInstallationNotFound());
@@ -162,7 +150,7 @@ Routine<JovMQTTEndpoint> JovMQTTInstallation::endpointRoutine() {
 }
 
 Routine<void> JovMQTTInstallation::uninstallRoutine() {
-  if (auto refused = requireUser()) co_return *refused;
+  if (auto refused = detail::requireInstallingUser()) co_return *refused;
   auto registration = installationRegistrationID();
   if (!registration || registration->empty()) {
     co_return JovError::errorWithCode(JovError::codeInstallationNotFound());

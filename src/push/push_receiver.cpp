@@ -32,8 +32,9 @@ void initialiseLibrary() {
 }
 
 JovError failure(int code, const std::string& cause, const JovMQTTEndpoint& endpoint) {
-  nlohmann::json info = {{"cause", cause},
-                         {"url", "mqtt://" + endpoint.host + ":" + std::to_string(endpoint.portTCP)}};
+  nlohmann::json info = {
+      {"cause", cause},
+      {"url", "mqtt://" + endpoint.host + ":" + std::to_string(endpoint.portTCP)}};
   return JovError::errorWithCode(code, std::move(info));
 }
 
@@ -125,7 +126,8 @@ struct JovPushReceiver::Core : std::enable_shared_from_this<Core> {
     int mid = 0;
     const int subscribed = mosquitto_subscribe(m, &mid, core.endpoint.topic.c_str(), 1);
     if (subscribed != MOSQ_ERR_SUCCESS) {
-      JOV_LOG(JovLogWarning, std::string("MQTT subscribe failed: ") + mosquitto_strerror(subscribed));
+      JOV_LOG(JovLogWarning,
+              std::string("MQTT subscribe failed: ") + mosquitto_strerror(subscribed));
       mosquitto_disconnect(m);
     }
   }
@@ -133,10 +135,10 @@ struct JovPushReceiver::Core : std::enable_shared_from_this<Core> {
   static void handleSubscribe(mosquitto* m, void* userdata, int, int count, const int* granted) {
     Core& core = of(userdata);
     if (count < 1 || granted[0] == kSubscriptionRefused) {
-      core.changeState(JovPushReceiverState::Refused,
-                       failure(JovError::codeUnauthorizedRequest(),
-                               "the broker refused the subscription to " + core.endpoint.topic,
-                               core.endpoint));
+      core.changeState(
+          JovPushReceiverState::Refused,
+          failure(JovError::codeUnauthorizedRequest(),
+                  "the broker refused the subscription to " + core.endpoint.topic, core.endpoint));
       mosquitto_disconnect(m);
       return;
     }
@@ -161,10 +163,8 @@ struct JovPushReceiver::Core : std::enable_shared_from_this<Core> {
       handler = core.onMessage;
     }
     if (!handler) return;
-    core.post([handler = std::move(handler),
-               received = JovReceivedMessage::messageFromPayload(std::move(payload))] {
-      handler(received);
-    });
+    core.post([handler = std::move(handler), received = JovReceivedMessage::messageFromPayload(
+                                                 std::move(payload))] { handler(received); });
   }
 
   // ------------------------------------------------------------ the network thread
@@ -225,7 +225,9 @@ JovPushReceiver::Ptr JovPushReceiver::receiverWithEndpoint(JovMQTTEndpoint endpo
   return Ptr(new JovPushReceiver(std::move(endpoint), options));
 }
 
-JovPushReceiver::~JovPushReceiver() { stop(); }
+JovPushReceiver::~JovPushReceiver() {
+  stop();
+}
 
 void JovPushReceiver::setMessageHandler(MessageHandler handler) {
   std::lock_guard lock(core_->mutex);
@@ -237,9 +239,15 @@ void JovPushReceiver::setStateHandler(StateHandler handler) {
   core_->onState = std::move(handler);
 }
 
-JovPushReceiverState JovPushReceiver::state() const { return core_->state.load(); }
-std::uint64_t JovPushReceiver::receivedCount() const { return core_->received.load(); }
-const JovMQTTEndpoint& JovPushReceiver::endpoint() const { return core_->endpoint; }
+JovPushReceiverState JovPushReceiver::state() const {
+  return core_->state.load();
+}
+std::uint64_t JovPushReceiver::receivedCount() const {
+  return core_->received.load();
+}
+const JovMQTTEndpoint& JovPushReceiver::endpoint() const {
+  return core_->endpoint;
+}
 
 Result<void> JovPushReceiver::start() {
   Core& core = *core_;
@@ -268,7 +276,8 @@ Result<void> JovPushReceiver::start() {
   mosquitto_threaded_set(mosq, true);
   mosquitto_int_option(mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
   mosquitto_int_option(mosq, MOSQ_OPT_TCP_NODELAY, 1);  // a push is small and waited for
-  if (int rc = mosquitto_username_pw_set(mosq, endpoint.username.c_str(), endpoint.password.c_str());
+  if (int rc =
+          mosquitto_username_pw_set(mosq, endpoint.username.c_str(), endpoint.password.c_str());
       rc != MOSQ_ERR_SUCCESS) {
     return refuse(mosquitto_strerror(rc));
   }

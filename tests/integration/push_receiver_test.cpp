@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <sstream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -36,7 +36,8 @@ struct Listener {
   std::vector<jov::JovPushReceiverState> states;
   std::optional<jov::JovError> lastReason;
 
-  explicit Listener(const jov::JovMQTTEndpoint& endpoint, jov::JovPushReceiver::Options options = {}) {
+  explicit Listener(const jov::JovMQTTEndpoint& endpoint,
+                    jov::JovPushReceiver::Options options = {}) {
     receiver = jov::JovPushReceiver::receiverWithEndpoint(endpoint, options);
     receiver->setMessageHandler(
         [this](const jov::JovReceivedMessage& message) { messages.push_back(message); });
@@ -54,9 +55,9 @@ struct Listener {
     while (!done()) {
       const auto left = deadline - std::chrono::steady_clock::now();
       if (left <= 0ms) return false;
-      jov::JovMainQueue::runUntil(1, std::min<std::chrono::milliseconds>(
-                                         std::chrono::duration_cast<std::chrono::milliseconds>(left),
-                                         200ms));
+      jov::JovMainQueue::runUntil(
+          1, std::min<std::chrono::milliseconds>(
+                 std::chrono::duration_cast<std::chrono::milliseconds>(left), 200ms));
     }
     return true;
   }
@@ -78,10 +79,10 @@ class PushReceiverTest : public ::testing::Test {
     addTLSListener(brokerDir_->path(), tlsPort_);
     broker_ = new jovemu::BrokerProcess(brokerDir_->path(), brokerPort_);
     broker_->start();
-    emulator_ = new jovtest::PrivateEmulator(
-        {"--data", ":memory:", "--app", std::string(kApp) + ":" + kKey, "--mqtt",
-         "127.0.0.1:" + std::to_string(brokerPort_), "--mqtt-admin",
-         std::string(kAdmin) + ":" + kAdminPassword});
+    emulator_ =
+        new jovtest::PrivateEmulator({"--data", ":memory:", "--app", std::string(kApp) + ":" + kKey,
+                                      "--mqtt", "127.0.0.1:" + std::to_string(brokerPort_),
+                                      "--mqtt-admin", std::string(kAdmin) + ":" + kAdminPassword});
   }
   static void TearDownTestSuite() {
     delete emulator_;
@@ -371,8 +372,8 @@ TEST_F(PushReceiverTest, TheEndpointIsOnlyForTheOwnerOfAnMQTTInstallation) {
   auto phone = jov::JovPushInstallation::installSynchronousWithDeviceToken(
       std::vector<std::uint8_t>(token.begin(), token.end()), false);
   ASSERT_TRUE(succeeded(phone));
-  auto notMQTT = jov::JovMQTTInstallation::installationWithIDs(
-      *phone.value()->installationID(), "unused");
+  auto notMQTT =
+      jov::JovMQTTInstallation::installationWithIDs(*phone.value()->installationID(), "unused");
   EXPECT_EQ(jovtest::codeOf(notMQTT->endpointSynchronous()),
             jov::JovError::codeInvalidRequestData());
 
@@ -403,9 +404,9 @@ TEST_F(PushReceiverTest, JovPushListenPrintsWhatArrived) {
     args.insert(args.begin(), {JOV_CLI_PATH, "--data", data.str()});
     return jovtest::runProcess(args, input);
   };
-  auto registered = jovCli({"register", "listener", "--url", emulator_->baseURL(), "--app", kApp,
-                            "--key", kKey},
-                           "secret99\n");
+  auto registered =
+      jovCli({"register", "listener", "--url", emulator_->baseURL(), "--app", kApp, "--key", kKey},
+             "secret99\n");
   ASSERT_EQ(registered.status, 0) << registered.err;
   ASSERT_EQ(jovCli({"topic", "create", "cli-news"}).status, 0);
   ASSERT_EQ(jovCli({"topic", "subscribe", "cli-news"}).status, 0);

@@ -21,9 +21,9 @@ std::optional<JovError> err(const R& r) {
   return r.errorIfAny();
 }
 
-const json kEndpoint = {{"installationID", "i1"}, {"username", "jov-i1"}, {"password", "pw"},
-                        {"mqttTopic", "jov/app/installations/i1"}, {"host", "127.0.0.1"},
-                        {"portTCP", 1883}};
+const json kEndpoint = {{"installationID", "i1"}, {"username", "jov-i1"},
+                        {"password", "pw"},       {"mqttTopic", "jov/app/installations/i1"},
+                        {"host", "127.0.0.1"},    {"portTCP", 1883}};
 
 const Op kInstall = [] { return err(Installation::installSynchronous()); };
 const Op kInstallDevelopment = [] { return err(Installation::installSynchronous(true)); };
@@ -51,16 +51,16 @@ TEST_F(MQTTInstallationTest, EachExchangeSendsItsRequest) {
   const auto installed =
       Answer::json(201, {{"installationID", "i1"}, {"installationRegistrationID", "r1"}});
   jovtest::checkRequests(
-      fake, {
-                {kInstall, installed, "POST /installations", creation, "",
-                 R"({"deviceType": "MQTT"})"},
-                {kInstallDevelopment, installed, "POST /installations", creation, "",
-                 R"({"deviceType": "MQTT", "development": "true"})"},
-                {kEndpointOp, Answer::json(200, kEndpoint),
-                 "GET /installations/i1/mqtt-endpoint", "application/json", "", ""},
-                {kUninstall, Answer::text(204, ""), "DELETE /installations/MQTT:r1",
-                 "application/json", "", ""},
-            });
+      fake,
+      {
+          {kInstall, installed, "POST /installations", creation, "", R"({"deviceType": "MQTT"})"},
+          {kInstallDevelopment, installed, "POST /installations", creation, "",
+           R"({"deviceType": "MQTT", "development": "true"})"},
+          {kEndpointOp, Answer::json(200, kEndpoint), "GET /installations/i1/mqtt-endpoint",
+           "application/json", "", ""},
+          {kUninstall, Answer::text(204, ""), "DELETE /installations/MQTT:r1", "application/json",
+           "", ""},
+      });
   EXPECT_TRUE(fake.last().header("Authorization").has_value());
 
   fake.reset();
@@ -78,28 +78,28 @@ TEST_F(MQTTInstallationTest, AnswersMapToCodes) {
   json badTLS = kEndpoint;
   badTLS["portSSL"] = 70000;
   jovtest::checkAnswers(
-      fake, {
-                {kInstall, Answer::serviceError(409, "INSTALLATION_ALREADY_EXISTS"),
-                 JovError::codeInstallationAlreadyExist()},
-                {kInstall, Answer::serviceError(404, "USER_NOT_FOUND"),
-                 JovError::codeObjectNotFound()},
-                // Both IDs are needed: an installation without its registration ID could never
-                // be uninstalled.
-                {kInstall, Answer::json(201, {{"installationID", "i1"}}), unreadable},
-                {kEndpointOp, Answer::serviceError(404, "INSTALLATION_NOT_FOUND"),
-                 JovError::codeInstallationNotFound()},
-                {kEndpointOp, Answer::serviceError(400, "INVALID_INPUT_DATA"),
-                 JovError::codeInvalidRequestData()},
-                {kEndpointOp, Answer::serviceError(503, "MQTT_ENDPOINT_NOT_AVAILABLE"), 0},
-                {kEndpointOp, Answer::json(200, noPort), unreadable},
-                {kEndpointOp, Answer::json(200, badTLS), unreadable},
-                {kEndpointOp, Answer::text(200, "{"), unreadable},
-                {kEndpointOp, Answer::error(), JovError::codeUnableToConnectToInternet()},
-                {kUninstall, Answer::serviceError(404, "INSTALLATION_NOT_FOUND"),
-                 JovError::codeInstallationNotFound()},
-                {kUninstall, Answer::serviceError(401, "UNAUTHORIZED"),
-                 JovError::codeUnauthorizedRequest()},
-            });
+      fake,
+      {
+          {kInstall, Answer::serviceError(409, "INSTALLATION_ALREADY_EXISTS"),
+           JovError::codeInstallationAlreadyExist()},
+          {kInstall, Answer::serviceError(404, "USER_NOT_FOUND"), JovError::codeObjectNotFound()},
+          // Both IDs are needed: an installation without its registration ID could never
+          // be uninstalled.
+          {kInstall, Answer::json(201, {{"installationID", "i1"}}), unreadable},
+          {kEndpointOp, Answer::serviceError(404, "INSTALLATION_NOT_FOUND"),
+           JovError::codeInstallationNotFound()},
+          {kEndpointOp, Answer::serviceError(400, "INVALID_INPUT_DATA"),
+           JovError::codeInvalidRequestData()},
+          {kEndpointOp, Answer::serviceError(503, "MQTT_ENDPOINT_NOT_AVAILABLE"), 0},
+          {kEndpointOp, Answer::json(200, noPort), unreadable},
+          {kEndpointOp, Answer::json(200, badTLS), unreadable},
+          {kEndpointOp, Answer::text(200, "{"), unreadable},
+          {kEndpointOp, Answer::error(), JovError::codeUnableToConnectToInternet()},
+          {kUninstall, Answer::serviceError(404, "INSTALLATION_NOT_FOUND"),
+           JovError::codeInstallationNotFound()},
+          {kUninstall, Answer::serviceError(401, "UNAUTHORIZED"),
+           JovError::codeUnauthorizedRequest()},
+      });
 
   // A failed install leaves the installation as it was.
   auto installation = Installation::installationWithIDs("i0", "r0");
