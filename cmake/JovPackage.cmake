@@ -28,6 +28,8 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
   "nlohmann-json3-dev, libcurl4-openssl-dev, libssl-dev, libsqlite3-dev, libsecret-1-dev, libmosquitto-dev")
 set(CPACK_DEBIAN_EMULATOR_PACKAGE_NAME jov-emulator)
 set(CPACK_DEBIAN_EMULATOR_PACKAGE_SECTION devel)
+# `jov-emulator --mqtt auto` starts a mosquitto broker with its dynamic security plugin.
+set(CPACK_DEBIAN_EMULATOR_PACKAGE_RECOMMENDS "mosquitto")
 set(CPACK_DEBIAN_CLI_PACKAGE_NAME jov)
 set(CPACK_DEBIAN_CLI_PACKAGE_SECTION net)
 
