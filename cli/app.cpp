@@ -89,6 +89,16 @@ std::string describeError(const jov::JovError& error) {
   while (!message.empty() && message.back() == ' ') message.pop_back();
   if (text.empty()) text = "the request failed";
   if (!message.empty()) text += ": " + message;
+  // A failure below HTTP (refused, name not found, TLS) says what failed and where.
+  auto detail = [&error](const char* key) {
+    auto found = error.userInfo().find(key);
+    return found != error.userInfo().end() && found->is_string() ? found->get<std::string>()
+                                                                  : std::string();
+  };
+  const std::string cause = detail("cause"), url = detail("url");
+  if (!cause.empty() || !url.empty()) {
+    text += " (" + cause + (cause.empty() || url.empty() ? "" : ", ") + url + ")";
+  }
   return text;
 }
 

@@ -47,6 +47,16 @@ TEST(Cli, ProfileIsSavedOnlyAfterSuccessfulLogin) {
   EXPECT_EQ(refused.err.find("error 0"), std::string::npos) << refused.err;
   EXPECT_FALSE(std::filesystem::exists(cli.profileFile()));
 
+  // Nothing listens there: the line says what failed and where.
+  auto unreachable = cli.run({"login", "alice", "--url", "http://127.0.0.1:1/api", "--app",
+                              cli.app().appID, "--key", cli.app().appKey},
+                             "secret99\n");
+  EXPECT_EQ(unreachable.status, 1);
+  EXPECT_NE(unreachable.err.find("codeUnableToConnectToInternet (201)"), std::string::npos)
+      << unreachable.err;
+  EXPECT_NE(unreachable.err.find("http://127.0.0.1:1/api/"), std::string::npos) << unreachable.err;
+  EXPECT_FALSE(std::filesystem::exists(cli.profileFile()));
+
   args = cli.service();
   args.insert(args.begin(), {"login", "alice@example.org"});
   auto ok = cli.run(args, "secret99\n");
