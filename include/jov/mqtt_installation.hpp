@@ -35,6 +35,7 @@ struct JovMQTTEndpoint {
   static std::optional<JovMQTTEndpoint> fromJSON(const nlohmann::json& json);
   /// @brief The same keys fromJSON reads, for keeping an endpoint across runs.
   nlohmann::json toJSON() const;
+  /// @brief Equal when every field is.
   bool operator==(const JovMQTTEndpoint&) const = default;
 };
 

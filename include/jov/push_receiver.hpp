@@ -67,11 +67,13 @@ class JovPushReceiver {
     std::chrono::seconds keepAlive{30};
     /// The first wait before reconnecting; each failure doubles it, up to maxReconnectDelay.
     std::chrono::seconds reconnectDelay{1};
+    /// The longest wait between two attempts.
     std::chrono::seconds maxReconnectDelay{30};
   };
 
-  /// @brief A receiver for the endpoint, not started.
+  /// @brief A receiver for the endpoint, not started, with the default options.
   static Ptr receiverWithEndpoint(JovMQTTEndpoint endpoint);
+  /// @brief A receiver for the endpoint, not started, connecting as the options say.
   static Ptr receiverWithEndpoint(JovMQTTEndpoint endpoint, Options options);
 
   /// @brief The handler of pushes; set it before start().
