@@ -94,15 +94,16 @@ void saveMQTTInstallation(const std::string& userID, const jov::JovMQTTInstallat
 
 // One received push as a line: when, where from, and the payload.
 std::string describePush(const jov::JovReceivedMessage& message) {
+  static const std::pair<jov::JovMessageField, const char*> kShown[] = {
+      {jov::JovMessageFieldTopic, "topic"},
+      {jov::JovMessageFieldBucketID, "bucket"},
+      {jov::JovMessageFieldSender, "from"}};
   std::string line = localTime(std::chrono::system_clock::now());
-  if (auto topic = message.getValueOfJovMessageField(jov::JovMessageFieldTopic)) {
-    line += " topic " + (topic->is_string() ? topic->get<std::string>() : topic->dump());
-  }
-  if (auto bucket = message.getValueOfJovMessageField(jov::JovMessageFieldBucketID)) {
-    line += " bucket " + (bucket->is_string() ? bucket->get<std::string>() : bucket->dump());
-  }
-  if (auto sender = message.getValueOfJovMessageField(jov::JovMessageFieldSender)) {
-    line += " from " + (sender->is_string() ? sender->get<std::string>() : sender->dump());
+  for (const auto& [field, label] : kShown) {
+    if (auto value = message.getValueOfJovMessageField(field)) {
+      line += std::string(" ") + label + " " +
+              (value->is_string() ? value->get<std::string>() : value->dump());
+    }
   }
   return line + ": " + message.rawMessage().dump();
 }
@@ -138,13 +139,13 @@ void listen(Context& ctx, int count, double timeout) {
       std::cout << describePush(message) << std::endl;
     if (count > 0 && received >= count) jov::JovMainQueue::stop();
   });
-  const std::string where = "mqtt://" + endpoint->host + ":" + std::to_string(endpoint->portTCP);
-  receiver->setStateHandler(
-      [&where](jov::JovPushReceiverState state, std::optional<jov::JovError> reason) {
-        std::cerr << "jov: " << jov::toString(state) << " (" << where << ")";
-        if (reason) std::cerr << ": " << describeError(*reason);
-        std::cerr << std::endl;
-      });
+  // A reason names the broker itself (its cause and URL); a plain change names the topic.
+  receiver->setStateHandler([topic = endpoint->topic](jov::JovPushReceiverState state,
+                                                      std::optional<jov::JovError> reason) {
+    std::cerr << "jov: " << jov::toString(state) << " (" << topic << ")";
+    if (reason) std::cerr << ": " << describeError(*reason);
+    std::cerr << std::endl;
+  });
   ctx.check(receiver->start(), "cannot start listening");
   if (timeout > 0) {
     const auto limit = std::chrono::milliseconds(static_cast<std::int64_t>(timeout * 1000));

@@ -61,8 +61,14 @@ class Broker {
     if (colon == std::string::npos || colon == 0 || admin == std::string::npos || admin == 0) {
       throw std::runtime_error("--mqtt HOST:PORT needs --mqtt-admin USER:PASSWORD");
     }
+    const std::string port = options.mqtt.substr(colon + 1);
+    if (port.empty() || port.size() > 5 ||
+        port.find_first_not_of("0123456789") != std::string::npos || std::stoi(port) < 1 ||
+        std::stoi(port) > 65535) {
+      throw std::runtime_error("--mqtt " + options.mqtt + ": the port must be 1 to 65535");
+    }
     settings_.host = options.mqtt.substr(0, colon);
-    settings_.port = std::stoi(options.mqtt.substr(colon + 1));
+    settings_.port = std::stoi(port);
     settings_.adminUser = options.mqttAdmin.substr(0, admin);
     settings_.adminPassword = options.mqttAdmin.substr(admin + 1);
     enabled_ = true;

@@ -48,20 +48,18 @@ std::string mqttUsernameOf(const std::string& installationID) {
 std::optional<MqttAccount> findMqttAccount(Connection& conn, const std::string& appID,
                                            const std::string& installationID) {
   auto stmt = conn.prepare(
-      "SELECT installation_id, username, password, topic, provisioned FROM mqtt_accounts "
-      "WHERE app_id = ?1 AND installation_id = ?2");
+      "SELECT password, provisioned FROM mqtt_accounts WHERE app_id = ?1 AND installation_id = ?2");
   stmt.bind(1, appID).bind(2, installationID);
   if (!stmt.step()) return std::nullopt;
-  return MqttAccount{stmt.textOr(0), stmt.textOr(1), stmt.textOr(2), stmt.textOr(3),
-                     stmt.integer(4) != 0};
+  return MqttAccount(installationID, stmt.textOr(0), stmt.integer(1) != 0);
 }
 
 void insertMqttAccount(Connection& conn, const std::string& appID, const MqttAccount& account) {
   auto stmt = conn.prepare(
-      "INSERT INTO mqtt_accounts (app_id, installation_id, username, password, topic, "
-      "provisioned) VALUES (?1, ?2, ?3, ?4, ?5, ?6)");
-  stmt.bind(1, appID).bind(2, account.installationID).bind(3, account.username);
-  stmt.bind(4, account.password).bind(5, account.topic).bind(6, account.provisioned);
+      "INSERT INTO mqtt_accounts (app_id, installation_id, password, provisioned) "
+      "VALUES (?1, ?2, ?3, ?4)");
+  stmt.bind(1, appID).bind(2, account.installationID).bind(3, account.password);
+  stmt.bind(4, account.provisioned);
   stmt.run();
 }
 

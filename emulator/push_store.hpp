@@ -35,8 +35,21 @@ void insertInstallation(Connection& conn, const std::string& appID, const Instal
 void deleteInstallation(Connection& conn, const std::string& appID, const std::string& deviceType,
                         const std::string& token);
 
-/// @brief The broker account of an MQTT installation.
+/// @brief The topic and account name of an installation: the same for the same installation,
+/// so that deliveries can be published before the account is made.
+std::string mqttTopicOf(const std::string& installationID);
+std::string mqttUsernameOf(const std::string& installationID);
+
+/// @brief The broker account of an MQTT installation; its name and topic follow from the
+/// installation's ID.
 struct MqttAccount {
+  MqttAccount(std::string id, std::string secret, bool confirmed = false)
+      : installationID(std::move(id)),
+        username(mqttUsernameOf(installationID)),
+        password(std::move(secret)),
+        topic(mqttTopicOf(installationID)),
+        provisioned(confirmed) {}
+
   std::string installationID;
   std::string username;
   std::string password;
@@ -44,10 +57,6 @@ struct MqttAccount {
   bool provisioned = false;  ///< the broker confirmed it
 };
 
-/// @brief The topic and account name of an installation: the same for the same installation,
-/// so that deliveries can be published before the account is made.
-std::string mqttTopicOf(const std::string& installationID);
-std::string mqttUsernameOf(const std::string& installationID);
 std::optional<MqttAccount> findMqttAccount(Connection& conn, const std::string& appID,
                                            const std::string& installationID);
 void insertMqttAccount(Connection& conn, const std::string& appID, const MqttAccount& account);

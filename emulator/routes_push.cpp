@@ -1,16 +1,6 @@
-// Push: device installations, topics in the application, user and group scopes, and users'
-// subscriptions to topics.
+// Push: topics in the application, user and group scopes, and users' subscriptions to topics
+// (installations are in routes_installations.cpp).
 //
-// POST   /installations  InstallationCreationRequest {"installationRegistrationID", "deviceType",
-//        "development"?}: 201 {"installationID"}; 409 INSTALLATION_ALREADY_EXISTS for a token
-//        installed already (by anybody). Device type "MQTT" may leave the registration ID out
-//        (the service makes one) and is answered {"installationID", "installationRegistrationID"}.
-// GET    /installations/{ID}/mqtt-endpoint: 200 {"installationID", "username", "password",
-//        "mqttTopic", "host", "portTCP"}: the broker account of an MQTT installation of the
-//        caller's, made on the first request; 404 INSTALLATION_NOT_FOUND (unknown, or another
-//        user's), 400 for another kind, 503 MQTT_ENDPOINT_NOT_AVAILABLE without a broker.
-// DELETE /installations/{TYPE:TOKEN}: 204; 404 INSTALLATION_NOT_FOUND when the caller has no
-//        installation of that token. An MQTT installation's account goes with it.
 // Topics, under "/topics/{name}", "/users/{id}/topics/{name}" and "/groups/{id}/topics/{name}":
 //   PUT creates (204; 409 TOPIC_ALREADY_EXISTS), DELETE removes it with its subscriptions (204),
 //   GET (and HEAD) answer 204 when it exists; 404 TOPIC_NOT_FOUND, or USER_NOT_FOUND /
@@ -42,7 +32,6 @@
 #include "bucket_access.hpp"
 #include "crypto.hpp"
 #include "group_store.hpp"
-#include "mqtt_bridge.hpp"
 #include "push_delivery.hpp"
 #include "push_store.hpp"
 #include "service.hpp"
@@ -52,8 +41,6 @@ namespace jovemu {
 
 namespace {
 
-constexpr const char* kInstallationCreation =
-    "application/vnd.jov.InstallationCreationRequest+json";
 constexpr const char* kSendPushMessage = "application/vnd.jov.SendPushMessageRequest+json";
 constexpr int kTopicPageSize = 20;
 constexpr const char* kSubscribeToTopic = "SUBSCRIBE_TO_TOPIC";
@@ -68,118 +55,6 @@ void requireTopicName(const std::string& name) {
 
 ApiError topicNotFound() {
   return ApiError(404, "TOPIC_NOT_FOUND", "The topic was not found");
-}
-
-// ------------------------------------------------------------------ installations
-
-void install(Service& service, Call& call, const std::string& appID) {
-  call.requireMediaType({kInstallationCreation});
-  auto body = call.jsonObject();
-  InstallationRow row;
-  row.deviceType = requiredString(body, "deviceType");
-  if (row.deviceType != "IOS" && row.deviceType != "ANDROID" && row.deviceType != "MQTT") {
-    throw invalidInput("There are validation errors: deviceType - must be IOS, ANDROID or MQTT");
-  }
-  const bool mqtt = row.deviceType == "MQTT";
-  // An MQTT client has no platform token: the service makes one.
-  if (mqtt && (!body.contains("installationRegistrationID") ||
-               body["installationRegistrationID"].is_null() ||
-               body["installationRegistrationID"] == "")) {
-    row.token = randomHex(16);
-  } else {
-    row.token = requiredString(body, "installationRegistrationID");
-  }
-  if (row.token.empty()) {
-    throw invalidInput(
-        "There are validation errors: installationRegistrationID - must not be empty");
-  }
-  auto development = body.find("development");
-  if (development != body.end() && !development->is_null()) {
-    if (development->is_boolean()) {
-      row.development = development->get<bool>();
-    } else if (development->is_string() && (*development == "true" || *development == "false")) {
-      row.development = *development == "true";
-    } else {
-      throw invalidInput("There are validation errors: development - must be true or false");
-    }
-  }
-  auto record = service.db.transaction([&](Connection& conn) {
-    auto caller = service.requireUser(call, conn, appID);
-    if (findInstallation(conn, appID, row.deviceType, row.token)) {
-      throw ApiError(409, "INSTALLATION_ALREADY_EXISTS", "The device token is installed already");
-    }
-    row.installationID = randomHex(12);
-    row.userID = caller.userID;
-    row.created = Service::now();
-    insertInstallation(conn, appID, row);
-    nlohmann::json answer = {{"installationID", row.installationID}};
-    if (mqtt) answer["installationRegistrationID"] = row.token;
-    return answer;
-  });
-  call.reply(201, record);
-}
-
-void mqttEndpoint(Service& service, Call& call, const std::string& appID) {
-  const std::string& id = call.param(1);
-  auto account = service.db.transaction([&](Connection& conn) {
-    auto caller = service.requireUser(call, conn, appID);
-    auto row = findInstallationByID(conn, appID, id);
-    if (!row || row->userID != caller.userID) {
-      throw ApiError(404, "INSTALLATION_NOT_FOUND", "The installation was not found");
-    }
-    if (row->deviceType != "MQTT") {
-      throw invalidInput("The installation does not receive over MQTT");
-    }
-    if (auto existing = findMqttAccount(conn, appID, id)) return *existing;
-    MqttAccount made{id, mqttUsernameOf(id), randomHex(16), mqttTopicOf(id), false};
-    insertMqttAccount(conn, appID, made);
-    return made;
-  });
-  auto unavailable = [] {
-    return ApiError(503, "MQTT_ENDPOINT_NOT_AVAILABLE",
-                    "The service has no MQTT broker to deliver to right now");
-  };
-  if (!service.mqtt) throw unavailable();
-  // The broker confirms the account before anybody is told to use it; a refusal or no answer
-  // leaves it to the next request.
-  if (!account.provisioned) {
-    if (!service.mqtt->provision(account)) throw unavailable();
-    service.db.transaction(
-        [&](Connection& conn) { markMqttAccountProvisioned(conn, appID, id); });
-  }
-  const auto& broker = service.mqtt->settings();
-  call.reply(200, nlohmann::json{{"installationID", id},
-                                 {"username", account.username},
-                                 {"password", account.password},
-                                 {"mqttTopic", account.topic},
-                                 {"host", broker.host},
-                                 {"portTCP", broker.port}});
-}
-
-void uninstall(Service& service, Call& call, const std::string& appID) {
-  const std::string& id = call.param(1);
-  const auto colon = id.find(':');
-  if (colon == std::string::npos || colon == 0 || colon + 1 == id.size()) {
-    throw invalidInput("An installation is addressed as DEVICETYPE:TOKEN");
-  }
-  const std::string deviceType = id.substr(0, colon), token = id.substr(colon + 1);
-  // The broker account of an MQTT installation, to remove once the installation is gone.
-  auto removed = service.db.transaction([&](Connection& conn) {
-    auto caller = service.requireUser(call, conn, appID);
-    auto row = findInstallation(conn, appID, deviceType, token);
-    // Another user's installation is not the caller's to see.
-    if (!row || row->userID != caller.userID) {
-      throw ApiError(404, "INSTALLATION_NOT_FOUND", "The installation was not found");
-    }
-    deleteInstallation(conn, appID, deviceType, token);
-    if (auto account = findMqttAccount(conn, appID, row->installationID)) {
-      deleteMqttAccount(conn, appID, row->installationID);
-      return std::optional<std::string>(account->username);
-    }
-    return std::optional<std::string>();
-  });
-  if (removed && service.mqtt) service.mqtt->remove(*removed);
-  call.replyNoContent();
 }
 
 // ------------------------------------------------------------------ topics
@@ -260,7 +135,8 @@ std::string subscriberPath(Connection& conn, const std::string& appID, const std
     }
     return "users/" + userID;
   }
-  if (!findThing(conn, appID, id)) throw ApiError(404, "THING_NOT_FOUND", "The thing was not found");
+  if (!findThing(conn, appID, id))
+    throw ApiError(404, "THING_NOT_FOUND", "The thing was not found");
   Requester speaker = caller;
   enterThingScope(conn, appID, id, speaker);
   if (!speaker.speaksFor("ThingID:" + id)) {
@@ -326,7 +202,8 @@ void requireManager(Connection& conn, const std::string& appID, const TopicConte
 std::vector<AclEntry> defaultTopicEntries(const BucketScope& scope, const std::string& creator) {
   switch (scope.kind) {
     case ScopeKind::User:
-      return {{kSubscribeToTopic, "UserID:" + scope.ownerID}, {kSendToTopic, "UserID:" + scope.ownerID}};
+      return {{kSubscribeToTopic, "UserID:" + scope.ownerID},
+              {kSendToTopic, "UserID:" + scope.ownerID}};
     case ScopeKind::Group:
       return {{kSubscribeToTopic, "GroupID:" + scope.ownerID},
               {kSendToTopic, "GroupID:" + scope.ownerID}};
@@ -355,26 +232,26 @@ TopicRow existingTopic(Connection& conn, const std::string& appID, const TopicKe
 }
 
 void addTopicRoutes(Router& router, Service& service) {
-  addTopicRoute(router, service, "PUT", "/{}",
-                [&service](Call& call, const std::string& app, ScopeKind kind,
-                           const std::string& owner, std::size_t next) {
-                  const std::string& name = call.param(next);
-                  requireTopicName(name);
-                  service.db.transaction([&](Connection& conn) {
-                    auto context = openTopicContext(service, call, conn, app, kind, owner);
-                    requireUse(conn, app, context);
-                    TopicKey key{context.scope, name};
-                    if (findTopic(conn, app, key)) {
-                      throw ApiError(409, "TOPIC_ALREADY_EXISTS", "The topic exists already");
-                    }
-                    insertTopic(conn, app, {key, context.caller.id(), Service::now()});
-                    for (const auto& entry :
-                         defaultTopicEntries(context.scope, context.caller.id())) {
-                      grantTopicEntry(conn, app, key, entry);
-                    }
-                  });
-                  call.replyNoContent();
-                });
+  addTopicRoute(
+      router, service, "PUT", "/{}",
+      [&service](Call& call, const std::string& app, ScopeKind kind, const std::string& owner,
+                 std::size_t next) {
+        const std::string& name = call.param(next);
+        requireTopicName(name);
+        service.db.transaction([&](Connection& conn) {
+          auto context = openTopicContext(service, call, conn, app, kind, owner);
+          requireUse(conn, app, context);
+          TopicKey key{context.scope, name};
+          if (findTopic(conn, app, key)) {
+            throw ApiError(409, "TOPIC_ALREADY_EXISTS", "The topic exists already");
+          }
+          insertTopic(conn, app, {key, context.caller.id(), Service::now()});
+          for (const auto& entry : defaultTopicEntries(context.scope, context.caller.id())) {
+            grantTopicEntry(conn, app, key, entry);
+          }
+        });
+        call.replyNoContent();
+      });
 
   addTopicRoute(router, service, "DELETE", "/{}",
                 [&service](Call& call, const std::string& app, ScopeKind kind,
@@ -520,31 +397,31 @@ void addMessageRoutes(Router& router, Service& service) {
                 });
 
   for (const bool grant : {true, false}) {
-    addTopicRoute(router, service, grant ? "PUT" : "DELETE", "/{}/acl/{}/{}",
-                  [&service, grant](Call& call, const std::string& app, ScopeKind kind,
-                                    const std::string& owner, std::size_t next) {
-                    const std::string& name = call.param(next);
-                    requireTopicName(name);
-                    const AclEntry entry{call.param(next + 1), call.param(next + 2)};
-                    if (entry.action != kSubscribeToTopic && entry.action != kSendToTopic) {
-                      throw invalidInput("The action " + entry.action +
-                                         " does not apply to a topic");
-                    }
-                    service.db.transaction([&](Connection& conn) {
-                      auto context = openTopicContext(service, call, conn, app, kind, owner);
-                      auto topic = existingTopic(conn, app, {context.scope, name});
-                      requireManager(conn, app, context, topic);
-                      if (grant) {
-                        requireSubject(conn, app, entry.subject);
-                        grantTopicEntry(conn, app, topic.key, entry);
-                      } else if (!revokeTopicEntry(conn, app, topic.key, entry)) {
-                        throw ApiError(404, "ACL_NOT_FOUND",
-                                       "The entry " + entry.action + "/" + entry.subject +
-                                           " is not in the access control list");
-                      }
-                    });
-                    call.replyNoContent();
-                  });
+    addTopicRoute(
+        router, service, grant ? "PUT" : "DELETE", "/{}/acl/{}/{}",
+        [&service, grant](Call& call, const std::string& app, ScopeKind kind,
+                          const std::string& owner, std::size_t next) {
+          const std::string& name = call.param(next);
+          requireTopicName(name);
+          const AclEntry entry{call.param(next + 1), call.param(next + 2)};
+          if (entry.action != kSubscribeToTopic && entry.action != kSendToTopic) {
+            throw invalidInput("The action " + entry.action + " does not apply to a topic");
+          }
+          service.db.transaction([&](Connection& conn) {
+            auto context = openTopicContext(service, call, conn, app, kind, owner);
+            auto topic = existingTopic(conn, app, {context.scope, name});
+            requireManager(conn, app, context, topic);
+            if (grant) {
+              requireSubject(conn, app, entry.subject);
+              grantTopicEntry(conn, app, topic.key, entry);
+            } else if (!revokeTopicEntry(conn, app, topic.key, entry)) {
+              throw ApiError(404, "ACL_NOT_FOUND",
+                             "The entry " + entry.action + "/" + entry.subject +
+                                 " is not in the access control list");
+            }
+          });
+          call.replyNoContent();
+        });
   }
 }
 
@@ -607,12 +484,7 @@ void addBucketSubscriptionRoutes(Router& router, Service& service) {
 }  // namespace
 
 void addPushRoutes(Router& router, Service& service) {
-  addApiRoute(router, service, "POST", "/installations",
-              [&service](Call& call, const std::string& app) { install(service, call, app); });
-  addApiRoute(router, service, "GET", "/installations/{}/mqtt-endpoint",
-              [&service](Call& call, const std::string& app) { mqttEndpoint(service, call, app); });
-  addApiRoute(router, service, "DELETE", "/installations/{}",
-              [&service](Call& call, const std::string& app) { uninstall(service, call, app); });
+  addInstallationRoutes(router, service);
   addTopicRoutes(router, service);
   addSubscriptionRoutes(router, service);
   addMessageRoutes(router, service);

@@ -180,14 +180,13 @@ CREATE TABLE IF NOT EXISTS push_deliveries (
 );
 CREATE INDEX IF NOT EXISTS push_deliveries_app ON push_deliveries (app_id, seq);
 CREATE INDEX IF NOT EXISTS push_deliveries_channel ON push_deliveries (channel, seq);
--- The broker account of each MQTT installation: made on the first endpoint request, confirmed
--- by the broker before it is handed out.
+-- The broker account of each MQTT installation (its name and topic follow from the
+-- installation's ID): made on the first endpoint request, confirmed by the broker before it is
+-- handed out.
 CREATE TABLE IF NOT EXISTS mqtt_accounts (
   app_id           TEXT NOT NULL,
   installation_id  TEXT NOT NULL,
-  username         TEXT NOT NULL,
   password         TEXT NOT NULL,
-  topic            TEXT NOT NULL,
   provisioned      INTEGER NOT NULL DEFAULT 0,
   PRIMARY KEY (app_id, installation_id)
 );

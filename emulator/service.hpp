@@ -70,6 +70,7 @@ void addBucketRoutes(Router& router, Service& service);
 void addAclRoutes(Router& router, Service& service);
 void addServerCodeRoutes(Router& router, Service& service);
 void addPushRoutes(Router& router, Service& service);
+void addInstallationRoutes(Router& router, Service& service);
 void addEmulatorRoutes(Router& router, Service& service);
 void addSocialRoutes(Router& router, Service& service);
 void addThingRoutes(Router& router, Service& service);

@@ -31,13 +31,6 @@ void initialiseLibrary() {
   std::call_once(once, [] { mosquitto_lib_init(); });
 }
 
-JovError failure(int code, const std::string& cause, const JovMQTTEndpoint& endpoint) {
-  nlohmann::json info = {
-      {"cause", cause},
-      {"url", "mqtt://" + endpoint.host + ":" + std::to_string(endpoint.portTCP)}};
-  return JovError::errorWithCode(code, std::move(info));
-}
-
 }  // namespace
 
 const char* toString(JovPushReceiverState state) {
@@ -83,6 +76,15 @@ struct JovPushReceiver::Core : std::enable_shared_from_this<Core> {
     return options.preferTLS && endpoint.portTLS ? *endpoint.portTLS : endpoint.portTCP;
   }
 
+  // An error of this receiver: what failed, and the broker it was connecting to.
+  JovError failure(int code, const std::string& cause) const {
+    const bool tls = options.preferTLS && endpoint.portTLS;
+    nlohmann::json info = {{"cause", cause},
+                           {"url", std::string(tls ? "mqtts://" : "mqtt://") + endpoint.host + ":" +
+                                       std::to_string(port())}};
+    return JovError::errorWithCode(code, std::move(info));
+  }
+
   // Runs `call` on the main queue unless the receiver was stopped in between.
   void post(std::function<void()> call) {
     const std::uint64_t posted = generation.load();
@@ -120,7 +122,7 @@ struct JovPushReceiver::Core : std::enable_shared_from_this<Core> {
       const int code = rc == 4 || rc == 5 ? JovError::codeUnauthorizedRequest()
                                           : JovError::codeUnableToConnectToInternet();
       core.changeState(JovPushReceiverState::Refused,
-                       failure(code, mosquitto_connack_string(rc), core.endpoint));
+                       core.failure(code, mosquitto_connack_string(rc)));
       return;
     }
     int mid = 0;
@@ -137,8 +139,8 @@ struct JovPushReceiver::Core : std::enable_shared_from_this<Core> {
     if (count < 1 || granted[0] == kSubscriptionRefused) {
       core.changeState(
           JovPushReceiverState::Refused,
-          failure(JovError::codeUnauthorizedRequest(),
-                  "the broker refused the subscription to " + core.endpoint.topic, core.endpoint));
+          core.failure(JovError::codeUnauthorizedRequest(),
+                       "the broker refused the subscription to " + core.endpoint.topic));
       mosquitto_disconnect(m);
       return;
     }
@@ -204,7 +206,7 @@ struct JovPushReceiver::Core : std::enable_shared_from_this<Core> {
         const std::string cause = rc == MOSQ_ERR_ERRNO ? std::string(std::strerror(errno))
                                                        : std::string(mosquitto_strerror(rc));
         changeState(JovPushReceiverState::Connecting,
-                    failure(JovError::codeUnableToConnectToInternet(), cause, endpoint));
+                    failure(JovError::codeUnableToConnectToInternet(), cause));
       }
       if (!pause(delay)) break;
       delay = std::min(delay * 2, options.maxReconnectDelay);
@@ -267,11 +269,11 @@ Result<void> JovPushReceiver::start() {
   // the receiver reconnects.
   mosquitto* mosq = mosquitto_new(endpoint.username.c_str(), false, &core);
   if (!mosq) {
-    return failure(JovError::codeUndefinedError(), "cannot create an MQTT client", endpoint);
+    return core.failure(JovError::codeUndefinedError(), "cannot create an MQTT client");
   }
   auto refuse = [&](const std::string& cause) {
     mosquitto_destroy(mosq);
-    return failure(JovError::codeUndefinedError(), cause, endpoint);
+    return core.failure(JovError::codeUndefinedError(), cause);
   };
   mosquitto_threaded_set(mosq, true);
   mosquitto_int_option(mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);

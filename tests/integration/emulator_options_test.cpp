@@ -1,5 +1,5 @@
-// jov-emulator's start-up options: a port in use, export and import of the store, and the
-// reset route.
+// jov-emulator's start-up options: a port in use, a broker given wrongly, export and import of
+// the store, and the reset route.
 #include <gtest/gtest.h>
 #include <httplib.h>
 
@@ -23,6 +23,25 @@ TEST(EmulatorOptions, RefusesAPortInUse) {
   // The first one still answers, alone.
   auto app = Emulator::shared().newApp();
   EXPECT_TRUE(Emulator::shared().outbox(app.appID).empty());
+}
+
+// A broker given wrongly stops the emulator before it serves anything.
+TEST(EmulatorOptions, RefusesAnMQTTBrokerGivenWrongly) {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"--mqtt", "127.0.0.1:1883"}, "--mqtt HOST:PORT needs --mqtt-admin USER:PASSWORD"},
+      {{"--mqtt", "127.0.0.1:port", "--mqtt-admin", "a:b"},
+       "--mqtt 127.0.0.1:port: the port must be 1 to 65535"},
+      {{"--mqtt", "127.0.0.1:70000", "--mqtt-admin", "a:b"},
+       "--mqtt 127.0.0.1:70000: the port must be 1 to 65535"},
+  };
+  for (const auto& [extra, message] : cases) {
+    std::vector<std::string> args = {JOV_EMULATOR_PATH, "--port", "0", "--data", ":memory:"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    auto refused = runProcess(args);
+    EXPECT_EQ(refused.status, 1) << message;
+    EXPECT_EQ(refused.err, "jov-emulator: " + message + "\n");
+    EXPECT_TRUE(refused.out.empty()) << refused.out;
+  }
 }
 
 // Runs jov against one emulator with its own data directory.

@@ -133,6 +133,18 @@ TEST_F(MQTTInstallationTest, RefusedBeforeAnyRequest) {
   auto receiver = JovPushReceiver::receiverWithEndpoint(*endpoint, tooShort);
   EXPECT_EQ(codeOf(receiver->start()), JovError::codeInvalidRequestData());
   EXPECT_EQ(receiver->state(), JovPushReceiverState::Stopped);
+
+  // A TLS endpoint with CA certificates that cannot be read: the client is never set up.
+  auto secure = *endpoint;
+  secure.portTLS = 8883;
+  JovPushReceiver::Options missingCA;
+  missingCA.caFile = "/nonexistent/ca.pem";
+  auto tls = JovPushReceiver::receiverWithEndpoint(secure, missingCA);
+  auto started = tls->start();
+  ASSERT_FALSE(started.ok());
+  EXPECT_EQ(started.error().code(), JovError::codeUndefinedError());
+  EXPECT_EQ(started.error().userInfo().value("url", ""), "mqtts://127.0.0.1:8883");
+  EXPECT_EQ(tls->state(), JovPushReceiverState::Stopped);
 }
 
 }  // namespace
