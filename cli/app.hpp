@@ -169,6 +169,7 @@ void addUserCommands(CLI::App& jov, Context& ctx);
 void addGroupCommands(CLI::App& jov, Context& ctx);
 void addCodeCommands(CLI::App& jov, Context& ctx);
 void addObjectCommands(CLI::App& jov, Context& ctx);
+void addBodyCommands(CLI::App& jov, Context& ctx);
 void addAclCommands(CLI::App& jov, Context& ctx);
 void addPushCommands(CLI::App& jov, Context& ctx);
 void addSocialCommands(CLI::App& jov, Context& ctx);

@@ -22,6 +22,7 @@ int main(int argc, char** argv) {
   addGroupCommands(app, ctx);
   addCodeCommands(app, ctx);
   addObjectCommands(app, ctx);
+  addBodyCommands(app, ctx);
   addAclCommands(app, ctx);
   addPushCommands(app, ctx);
   addThingCommands(app, ctx);

@@ -5,6 +5,7 @@
 #include <any>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -18,6 +19,11 @@ namespace jov {
 /// @brief A completion block: the results first, the error last (nothing on success).
 template <class... Results>
 using JovBlock = std::function<void(Results..., std::optional<JovError>)>;
+
+/// @brief Progress of a body on the move: the bytes moved so far and the total (-1 while it is
+/// unknown). The blocking forms call it on the calling thread as bytes move; the other forms
+/// post it to the main queue, where a report still waiting is replaced by the newer one.
+using JovProgressBlock = std::function<void(std::int64_t done, std::int64_t total)>;
 
 /// @brief The library's stand-in for the application's main thread.
 ///
@@ -142,5 +148,11 @@ class JovUtilities {
     });
   }
 };
+
+namespace detail {
+/// The progress block of an asynchronous form: reports go to the main queue, at most one
+/// waiting there at a time (the newest values win). Empty when the block is.
+JovProgressBlock progressOnMainQueue(JovProgressBlock block);
+}  // namespace detail
 
 }  // namespace jov

@@ -25,6 +25,7 @@ class Jov;
 class JovACL;
 class JovGroup;
 class JovPushSubscription;
+class JovRTransferManager;
 class JovThing;
 class JovUser;
 
@@ -97,6 +98,9 @@ class JovBucket : public std::enable_shared_from_this<JovBucket> {
   std::optional<std::string> bucketURI() const;
   /// @brief The path of the bucket's access control list (bucketPath + "/acl").
   std::optional<std::string> aclPath() const;
+  /// @brief The resumable transfers of this bucket's bodies that the logged-in user started
+  /// (see JovRTransferManager).
+  std::shared_ptr<JovRTransferManager> transferManager();
   /// @brief The bucket's access control list (the same one while it is held).
   std::shared_ptr<JovACL> bucketACL();
 

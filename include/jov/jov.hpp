@@ -25,6 +25,8 @@
 #include "jov/social_connect.hpp"
 #include "jov/thing.hpp"
 #include "jov/topic.hpp"
+#include "jov/transfer.hpp"
+#include "jov/transfer_store.hpp"
 #include "jov/transport.hpp"
 #include "jov/user.hpp"
 #include "jov/user_builder.hpp"

@@ -3,6 +3,8 @@
 /// @brief JovObject: one JSON document stored in a bucket.
 
 #include <chrono>
+#include <cstdint>
+#include <filesystem>
 #include <future>
 #include <map>
 #include <memory>
@@ -24,6 +26,8 @@ namespace jov {
 
 class JovACL;
 class JovBucket;
+class JovDownloader;
+class JovUploader;
 class JovUser;
 
 /// @brief One JSON document of a bucket: the application's fields and the service's identity
@@ -48,6 +52,8 @@ class JovObject : public std::enable_shared_from_this<JovObject> {
   using TimePoint = std::chrono::system_clock::time_point;
   /// @brief Blocks of object operations receive the object, then the error.
   using ObjectBlock = JovBlock<Ptr>;
+  /// @brief Blocks of a publication receive the object, the public URL, then the error.
+  using URLBlock = JovBlock<Ptr, std::string>;
   /// @brief A field's value: JSON, another object or a user (both sent as their URI).
   using Value = std::variant<nlohmann::json, Ptr, std::shared_ptr<JovUser>>;
 
@@ -215,8 +221,217 @@ class JovObject : public std::enable_shared_from_this<JovObject> {
   }
   /// @}
 
+  // ------------------------------------------------------------------ body
+
+  /// @brief The media type a body upload sends: `contentType` when not empty; else, for a
+  /// file, the type its extension names ("photo.jpg" → "image/jpeg"); else
+  /// "application/octet-stream".
+  static std::string decideBodyContentType(const std::string& contentType,
+                                           const std::filesystem::path& file = {});
+
+  /// @name uploadBody
+  /// @{
+
+  /// Uploads the object's body (PUT BUCKET/objects/ID/body) with the bytes given (WithData) or
+  /// streamed from a file, never read whole into memory (WithURL). The media type is
+  /// decideBodyContentType(contentType, file); it becomes bodyContentType(), and the answer's
+  /// "modifiedAt" the object's modified time. `progress` receives the bytes sent and the size.
+  /// @param data the body's bytes
+  /// @param file the file whose content is the body
+  /// @param contentType the body's media type; empty: decided as above
+  /// @param progress called as bytes go out (see JovProgressBlock); may be empty
+  /// Errors: 501 the object has no ID; 520 the file cannot be read (missing, a directory, no
+  /// permission); 510 the object does not exist; 515 the bucket's user or group does not exist;
+  /// and the errors of every exchange. A failed upload changes nothing of the object.
+  Result<void> uploadBodySynchronousWithData(std::string data, const std::string& contentType,
+                                             JovProgressBlock progress = {}) {
+    return detail::runSync(uploadRoutine(std::move(data), {}, contentType, std::move(progress)));
+  }
+  Result<void> uploadBodySynchronousWithURL(const std::filesystem::path& file,
+                                            const std::string& contentType,
+                                            JovProgressBlock progress = {}) {
+    return detail::runSync(uploadRoutine(std::nullopt, file, contentType, std::move(progress)));
+  }
+  void uploadBodyWithData(std::string data, const std::string& contentType, ObjectBlock block,
+                          JovProgressBlock progress = {}, JovCancellation cancel = {}) {
+    detail::runBlock(self(),
+                     uploadRoutine(std::move(data), {}, contentType,
+                                   detail::progressOnMainQueue(std::move(progress))),
+                     std::move(block), cancel);
+  }
+  void uploadBodyWithURL(const std::filesystem::path& file, const std::string& contentType,
+                         ObjectBlock block, JovProgressBlock progress = {},
+                         JovCancellation cancel = {}) {
+    detail::runBlock(self(),
+                     uploadRoutine(std::nullopt, file, contentType,
+                                   detail::progressOnMainQueue(std::move(progress))),
+                     std::move(block), cancel);
+  }
+  void uploadBodyWithData(std::string data, const std::string& contentType, JovCallback callback,
+                          JovProgressBlock progress = {}, JovCancellation cancel = {}) {
+    detail::runCallback(self(),
+                        uploadRoutine(std::move(data), {}, contentType,
+                                      detail::progressOnMainQueue(std::move(progress))),
+                        std::move(callback), cancel);
+  }
+  void uploadBodyWithURL(const std::filesystem::path& file, const std::string& contentType,
+                         JovCallback callback, JovProgressBlock progress = {},
+                         JovCancellation cancel = {}) {
+    detail::runCallback(self(),
+                        uploadRoutine(std::nullopt, file, contentType,
+                                      detail::progressOnMainQueue(std::move(progress))),
+                        std::move(callback), cancel);
+  }
+  std::future<Result<void>> uploadBodyWithDataAsync(std::string data,
+                                                    const std::string& contentType,
+                                                    JovProgressBlock progress = {},
+                                                    JovCancellation cancel = {}) {
+    return detail::runFuture(self(),
+                             uploadRoutine(std::move(data), {}, contentType,
+                                           detail::progressOnMainQueue(std::move(progress))),
+                             cancel);
+  }
+  std::future<Result<void>> uploadBodyWithURLAsync(const std::filesystem::path& file,
+                                                   const std::string& contentType,
+                                                   JovProgressBlock progress = {},
+                                                   JovCancellation cancel = {}) {
+    return detail::runFuture(self(),
+                             uploadRoutine(std::nullopt, file, contentType,
+                                           detail::progressOnMainQueue(std::move(progress))),
+                             cancel);
+  }
+  /// The old spelling of the block forms with progress; they call the forms above.
+  [[deprecated("use uploadBodyWithData")]] void uploadBodyWithDataAndProgess(
+      std::string data, const std::string& contentType, ObjectBlock block,
+      JovProgressBlock progress) {
+    uploadBodyWithData(std::move(data), contentType, std::move(block), std::move(progress));
+  }
+  [[deprecated("use uploadBodyWithURL")]] void uploadBodyWithURLAndProgess(
+      const std::filesystem::path& file, const std::string& contentType, ObjectBlock block,
+      JovProgressBlock progress) {
+    uploadBodyWithURL(file, contentType, std::move(block), std::move(progress));
+  }
+  /// @}
+
+  /// @name downloadBody
+  /// @{
+
+  /// Downloads the object's body (GET BUCKET/objects/ID/body) into a file, streamed as it
+  /// arrives: the bytes go to a side file that takes the destination's name only once the whole
+  /// body arrived, so a failed download leaves nothing at the destination (and an existing file
+  /// there untouched). The answer's "Content-Type" becomes bodyContentType().
+  /// @param file the destination; its folder must exist and be writable
+  /// @param progress called as bytes arrive, with the body's size when the service gave it
+  /// Errors: 501 the object has no ID; 519 the destination's folder is not writable (or the
+  /// file cannot be written); 517 the object has no body; 510; 515; and the errors of every
+  /// exchange.
+  Result<void> downloadBodySynchronousWithURL(const std::filesystem::path& file,
+                                              JovProgressBlock progress = {}) {
+    return detail::runSync(downloadRoutine(file, std::move(progress)));
+  }
+  void downloadBodyWithURL(const std::filesystem::path& file, ObjectBlock block,
+                           JovProgressBlock progress = {}, JovCancellation cancel = {}) {
+    detail::runBlock(self(),
+                     downloadRoutine(file, detail::progressOnMainQueue(std::move(progress))),
+                     std::move(block), cancel);
+  }
+  void downloadBodyWithURL(const std::filesystem::path& file, JovCallback callback,
+                           JovProgressBlock progress = {}, JovCancellation cancel = {}) {
+    detail::runCallback(self(),
+                        downloadRoutine(file, detail::progressOnMainQueue(std::move(progress))),
+                        std::move(callback), cancel);
+  }
+  std::future<Result<void>> downloadBodyWithURLAsync(const std::filesystem::path& file,
+                                                     JovProgressBlock progress = {},
+                                                     JovCancellation cancel = {}) {
+    return detail::runFuture(
+        self(), downloadRoutine(file, detail::progressOnMainQueue(std::move(progress))), cancel);
+  }
+  /// The old spelling of the block form with progress; it calls the form above.
+  [[deprecated("use downloadBodyWithURL")]] void downloadBodyWithURLAndProgess(
+      const std::filesystem::path& file, ObjectBlock block, JovProgressBlock progress) {
+    downloadBodyWithURL(file, std::move(block), std::move(progress));
+  }
+  /// @}
+
+  /// @name publishBody
+  /// @{
+
+  /// Publishes the body (POST BUCKET/objects/ID/body/publish, Content-Type
+  /// "application/vnd.jov.ObjectBodyPublicationRequest+json") and gives its public URL, which
+  /// anyone can read without the application's keys: for good, until a date ({"expiresAt":
+  /// milliseconds}) or for an interval ({"expiresIn": seconds}).
+  /// @param expiresAt when the link stops working; it must be in the future
+  /// @param expiresIn how long the link works; more than zero seconds
+  /// Errors: 501 the object has no ID; 521 the date is not in the future (checked before
+  /// anything is sent, and when the service refuses it); 522 the interval is zero or negative;
+  /// 517 the object has no body; 510; 515; 202 an answer without "url".
+  Result<std::string> publishBodySynchronous() { return detail::runSync(publishRoutine({})); }
+  Result<std::string> publishBodySynchronousExpiresAt(TimePoint expiresAt) {
+    return detail::runSync(publishAtRoutine(expiresAt));
+  }
+  Result<std::string> publishBodySynchronousExpiresIn(std::chrono::seconds expiresIn) {
+    return detail::runSync(publishInRoutine(expiresIn));
+  }
+  void publishBody(URLBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), publishRoutine({}), detail::leading(std::move(block), self()), cancel);
+  }
+  void publishBodyExpiresAt(TimePoint expiresAt, URLBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), publishAtRoutine(expiresAt), detail::leading(std::move(block), self()),
+                     cancel);
+  }
+  void publishBodyExpiresIn(std::chrono::seconds expiresIn, URLBlock block,
+                            JovCancellation cancel = {}) {
+    detail::runBlock(self(), publishInRoutine(expiresIn), detail::leading(std::move(block), self()),
+                     cancel);
+  }
+  void publishBody(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), publishRoutine({}), std::move(callback), cancel, self());
+  }
+  std::future<Result<std::string>> publishBodyAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(self(), publishRoutine({}), cancel);
+  }
+  std::future<Result<std::string>> publishBodyExpiresAtAsync(TimePoint expiresAt,
+                                                             JovCancellation cancel = {}) {
+    return detail::runFuture(self(), publishAtRoutine(expiresAt), cancel);
+  }
+  std::future<Result<std::string>> publishBodyExpiresInAsync(std::chrono::seconds expiresIn,
+                                                             JovCancellation cancel = {}) {
+    return detail::runFuture(self(), publishInRoutine(expiresIn), cancel);
+  }
+  /// @}
+
+  /// @name deleteBody
+  /// @{
+
+  /// Deletes the object's body (DELETE BUCKET/objects/ID/body); the object stays.
+  /// Errors: 501 the object has no ID; 517 the object has no body; 510; 515; and the errors of
+  /// every exchange.
+  Result<void> deleteBodySynchronous() { return detail::runSync(deleteBodyRoutine()); }
+  void deleteBody(ObjectBlock block, JovCancellation cancel = {}) {
+    detail::runBlock(self(), deleteBodyRoutine(), std::move(block), cancel);
+  }
+  void deleteBody(JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(self(), deleteBodyRoutine(), std::move(callback), cancel);
+  }
+  std::future<Result<void>> deleteBodyAsync(JovCancellation cancel = {}) {
+    return detail::runFuture(self(), deleteBodyRoutine(), cancel);
+  }
+  /// @}
+
+  /// @brief A resumable upload of a file as this object's body (see JovUploader); a transfer
+  /// of the same file to the same object that was left unfinished, in this process or an
+  /// earlier one, is continued.
+  std::shared_ptr<JovUploader> uploader(const std::filesystem::path& file,
+                                        const std::string& contentType = {});
+  /// @brief A resumable download of this object's body into a file (see JovDownloader),
+  /// continuing an unfinished one of the same object and file.
+  std::shared_ptr<JovDownloader> downloader(const std::filesystem::path& file);
+
  private:
   friend class JovBucket;
+  friend class JovUploader;
+  friend class JovDownloader;
   Ptr self() { return shared_from_this(); }
   // The objects whose saves are under way in one chain of nested saves, outermost first.
   using SaveChain = std::vector<const JovObject*>;
@@ -228,6 +443,15 @@ class JovObject : public std::enable_shared_from_this<JovObject> {
   detail::Routine<void> updateRoutine(bool forced, bool allFields, SaveChain chain);
   detail::Routine<void> refreshRoutine();
   detail::Routine<void> deleteRoutine();
+  // The body is `data` when given, else the file's content.
+  detail::Routine<void> uploadRoutine(std::optional<std::string> data, std::filesystem::path file,
+                                      std::string contentType, JovProgressBlock progress);
+  detail::Routine<void> downloadRoutine(std::filesystem::path file, JovProgressBlock progress);
+  detail::Routine<std::string> publishRoutine(std::optional<nlohmann::json> expiry,
+                                              bool withDate = false);
+  detail::Routine<std::string> publishAtRoutine(TimePoint expiresAt);
+  detail::Routine<std::string> publishInRoutine(std::chrono::seconds expiresIn);
+  detail::Routine<void> deleteBodyRoutine();
   // The fields a save sends; objects without a URI are saved first, unless they are being saved
   // further out in the chain (a cycle of new objects), and then go as null.
   detail::Routine<nlohmann::json> uploadBody(bool allFields, SaveChain chain);

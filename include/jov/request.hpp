@@ -38,6 +38,9 @@ struct JovResponse {
   nlohmann::json json;
   /// @brief The response headers the request kept (see JovRequest::keepAllResponseHeaders).
   JovHeaders headers;
+  /// @brief The body of a 2xx answer as bytes, when the request asked for it
+  /// (JovRequest::maxAnswerSize); it is then not read as JSON.
+  std::string body;
   /// @brief True when there is no error.
   bool ok() const { return !error.has_value(); }
 };
@@ -87,6 +90,9 @@ class JovRequest {
   std::optional<std::filesystem::path> downloadPath;  ///< @brief A 2xx body goes to this file.
   bool isChunkDownload = false;   ///< @brief With downloadPath: keep the body in memory.
   std::string chunkDownloadData;  ///< @brief The body of a chunk download.
+  /// @brief When set, a 2xx body up to this many bytes is kept as bytes (JovResponse::body)
+  /// instead of being read as JSON; it replaces Jov::maxAnswerSize() for this request.
+  std::optional<std::size_t> maxAnswerSize;
   JovHeaders responseHeaders;     ///< @brief Response headers of the last execution.
   /// @brief Keeps every response header in responseHeaders (by default only those the library
   /// reads: "ETag", "Content-Type" and the server-code counters).

@@ -255,6 +255,36 @@ JovError unexpectedError(std::exception_ptr error) {
   return JovError::errorWithCode(JovError::codeUndefinedError(), {{"details", what}});
 }
 
+JovProgressBlock progressOnMainQueue(JovProgressBlock block) {
+  if (!block) return {};
+  struct Latest {
+    std::mutex mutex;
+    bool waiting = false;
+    std::int64_t done = 0, total = -1;
+  };
+  auto latest = std::make_shared<Latest>();
+  auto shared = std::make_shared<JovProgressBlock>(std::move(block));
+  return [latest, shared](std::int64_t done, std::int64_t total) {
+    {
+      std::lock_guard lock(latest->mutex);
+      latest->done = done;
+      latest->total = total;
+      if (latest->waiting) return;
+      latest->waiting = true;
+    }
+    JovMainQueue::post([latest, shared] {
+      std::int64_t done, total;
+      {
+        std::lock_guard lock(latest->mutex);
+        latest->waiting = false;
+        done = latest->done;
+        total = latest->total;
+      }
+      (*shared)(done, total);
+    });
+  };
+}
+
 }  // namespace detail
 
 void JovUtilities::performRequestMethodSynchronous(const std::function<void()>& work) {

@@ -51,10 +51,37 @@ JovError unreadableAnswer() {
   return JovError::errorWithCode(JovError::codeUnableToParseResponse());
 }
 
+namespace {
+
+// A request that hands its progress to a function.
+class ProgressRequest final : public JovRequest {
+ public:
+  using Handler = std::function<void(std::int64_t, std::int64_t, std::int64_t)>;
+  ProgressRequest(const std::string& path, Handler handler)
+      : JovRequest(path), handler_(std::move(handler)) {
+    reportsProgress = static_cast<bool>(handler_);
+  }
+  void requestDataSend(std::int64_t sent) override {
+    sent_ = sent;
+    handler_(sent_, received_, expected_);
+  }
+  void responseDataReceived(std::int64_t received, std::int64_t expected) override {
+    received_ = received;
+    expected_ = expected;
+    handler_(sent_, received_, expected_);
+  }
+
+ private:
+  Handler handler_;
+  std::int64_t sent_ = 0, received_ = 0, expected_ = -1;
+};
+
+}  // namespace
+
 Routine<JovResponse> send(const Exchange& exchange, SendArgs args) {
   std::string path = formPath(exchange.path, args.path);
   if (args.query_) path += "?" + *args.query_;
-  JovRequest request(path);
+  ProgressRequest request(path, std::move(args.progress_));
   request.requestMethod = exchange.method;
   request.anonymous = exchange.spec.anonymous;
   if (exchange.spec.contentType) request.content = exchange.spec.contentType;
@@ -67,6 +94,12 @@ Routine<JovResponse> send(const Exchange& exchange, SendArgs args) {
     request.postData.reset();
     request.fileData = std::move(args.raw_);
   }
+  if (args.uploadFile_) {
+    request.postData.reset();
+    request.uploadFilePath = std::move(args.uploadFile_);
+  }
+  request.downloadPath = std::move(args.downloadTo_);
+  request.maxAnswerSize = args.bytesAnswer_;
   request.customHeaders = std::move(args.headers_);
   request.keepAllResponseHeaders = args.keepAllHeaders_;
   JovResponse response = co_await execute(request, std::move(args.etag_));

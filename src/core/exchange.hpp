@@ -13,6 +13,9 @@
 //     ...
 //   }
 
+#include <cstdint>
+#include <filesystem>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -129,6 +132,30 @@ class SendArgs {
     keepAllHeaders_ = true;
     return std::move(*this);
   }
+  /// The body streams from this file (never read whole into memory).
+  SendArgs&& uploadFile(std::filesystem::path file) && {
+    uploadFile_ = std::move(file);
+    return std::move(*this);
+  }
+  /// A 2xx answer's body streams to this file, which appears only whole.
+  SendArgs&& downloadTo(std::filesystem::path file) && {
+    downloadTo_ = std::move(file);
+    return std::move(*this);
+  }
+  /// A 2xx answer's body is kept as bytes (JovResponse::body) and not read as JSON; it may be up
+  /// to `limit` bytes long.
+  SendArgs&& bytesAnswer(std::size_t limit) && {
+    bytesAnswer_ = limit;
+    return std::move(*this);
+  }
+  /// Bytes sent so far and bytes received so far with the expected total (-1 when unknown),
+  /// called on the thread that moves them.
+  SendArgs&& progress(
+      std::function<void(std::int64_t sent, std::int64_t received, std::int64_t expected)>
+          handler) && {
+    progress_ = std::move(handler);
+    return std::move(*this);
+  }
 
   std::vector<std::string> path;  ///< fills the path's "{}" in order
   std::optional<nlohmann::json> json_;
@@ -139,6 +166,10 @@ class SendArgs {
   std::optional<std::string> query_;
   std::optional<std::string> contentType_;
   bool keepAllHeaders_ = false;
+  std::optional<std::filesystem::path> uploadFile_;
+  std::optional<std::filesystem::path> downloadTo_;
+  std::optional<std::size_t> bytesAnswer_;
+  std::function<void(std::int64_t, std::int64_t, std::int64_t)> progress_;
 };
 
 /// The arguments of an exchange, starting with the values of its path's "{}".

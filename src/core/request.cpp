@@ -130,7 +130,7 @@ void addBody(JovRequest& r, JovURLRequest& t, const std::string& etag) {
                           });
   }
   t.setKeepAllResponseHeaders(r.keepAllResponseHeaders);
-  t.setMaxResponseSize(Jov::maxAnswerSize());
+  t.setMaxResponseSize(r.maxAnswerSize.value_or(Jov::maxAnswerSize()));
 }
 
 // The application's headers, method, media types and the caller's own headers.
@@ -184,7 +184,9 @@ nlohmann::json parseAnswer(const std::string& body) {
 // A 2xx answer: its JSON, ETag and, for a chunk download, its bytes.
 void readSuccess(JovRequest& r, JovURLRequest& t, JovResponse& response) {
   std::string& body = t.responseData();
-  if (!body.empty()) {
+  if (r.maxAnswerSize) {
+    response.body = std::move(body);
+  } else if (!body.empty()) {
     response.json = parseAnswer(body);
     if (response.json.is_discarded()) {
       JOV_LOG(kTraceLevel, "Unable to parse the response body as JSON");
@@ -487,7 +489,7 @@ JovResponse finish(Execution& x) {
   if (status >= 1) x.response.status = status;
   if (t.responseTooLarge()) {
     const std::string cause =
-        "the answer is larger than " + std::to_string(Jov::maxAnswerSize()) + " bytes";
+        "the answer is larger than " + std::to_string(t.maxResponseSize()) + " bytes";
     JOV_LOG(kTraceLevel, "Answer refused: " + cause);
     nlohmann::json info = {{"cause", cause}, {"url", t.url()}};
     if (status >= 1) info["http_status"] = status;
