@@ -29,7 +29,8 @@ Requester requesterOf(const Service& service, const Call& call, Connection& conn
   if (auto token = call.bearerToken()) {
     if (auto thingID = thingOfToken(conn, appID, *token)) {
       // A thing speaks for itself, and as any caller with a valid token.
-      return {std::nullopt, {kAnonymousSubject, kAuthenticatedSubject, "ThingID:" + *thingID},
+      return {std::nullopt,
+              {kAnonymousSubject, kAuthenticatedSubject, "ThingID:" + *thingID},
               *thingID};
     }
   }

@@ -28,8 +28,8 @@ struct BucketContext {
 };
 
 /// @brief A route under every bucket scope: "/buckets/{}", "/users/{}/buckets/{}",
-/// "/groups/{}/buckets/{}", "/things/{}/buckets/{}", each followed by `suffix`. The bucket name is checked (400) before
-/// the handler runs.
+/// "/groups/{}/buckets/{}", "/things/{}/buckets/{}", each followed by `suffix`. The bucket name is
+/// checked (400) before the handler runs.
 using BucketHandler =
     std::function<void(Call&, const std::string& appID, const BucketAddress& address)>;
 void addBucketRoute(Router& router, Service& service, const std::string& method,

@@ -125,3 +125,27 @@ std::string requiredString(const nlohmann::json& body, const char* key) {
 }
 
 }  // namespace jovemu
+
+namespace jovemu {
+
+bool BodyReader::read(const std::function<bool(const char*, std::size_t)>& sink) {
+  if (started_) return consumed_;
+  started_ = true;
+  bool stopped = false;
+  bool complete = reader_([&](const char* data, std::size_t length) {
+    if (length > limit_ - received_) {
+      tooLarge_ = true;
+      return false;
+    }
+    received_ += length;
+    if (!sink(data, length)) {
+      stopped = true;
+      return false;
+    }
+    return true;
+  });
+  consumed_ = complete && !stopped && !tooLarge_;
+  return consumed_;
+}
+
+}  // namespace jovemu

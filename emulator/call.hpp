@@ -3,6 +3,8 @@
 
 #include <httplib.h>
 
+#include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -18,10 +20,35 @@ std::string dumpJson(const nlohmann::json& value);
 void writeError(httplib::Response& res, int status, const std::string& code,
                 const std::string& message);
 
+/// @brief The body of a streaming request, read once, piece by piece, up to a limit.
+class BodyReader {
+ public:
+  BodyReader(const httplib::ContentReader& reader, std::uint64_t limit)
+      : reader_(reader), limit_(limit) {}
+  /// @brief Hands each piece to `sink` (which returns false to stop); true when the whole body
+  /// was read. A body past the limit stops the reading and sets tooLarge().
+  bool read(const std::function<bool(const char*, std::size_t)>& sink);
+  bool consumed() const { return consumed_; }
+  bool tooLarge() const { return tooLarge_; }
+  std::uint64_t limit() const { return limit_; }
+
+ private:
+  const httplib::ContentReader& reader_;
+  std::uint64_t limit_;
+  std::uint64_t received_ = 0;
+  bool started_ = false, consumed_ = false, tooLarge_ = false;
+};
+
 class Call {
  public:
-  Call(const httplib::Request& req, httplib::Response& res, std::vector<std::string> params)
-      : req_(req), res_(res), params_(std::move(params)) {}
+  Call(const httplib::Request& req, httplib::Response& res, std::vector<std::string> params,
+       BodyReader* body = nullptr)
+      : req_(req), res_(res), params_(std::move(params)), body_(body) {}
+
+  /// @brief The unread body of a streaming route; nullptr for any other.
+  BodyReader* bodyReader() const { return body_; }
+  /// @brief The response, for answers that stream (a file).
+  httplib::Response& response() { return res_; }
 
   /// @brief The n-th "{}" segment of the route, percent-decoded.
   const std::string& param(std::size_t index) const { return params_.at(index); }
@@ -55,6 +82,7 @@ class Call {
   const httplib::Request& req_;
   httplib::Response& res_;
   std::vector<std::string> params_;
+  BodyReader* body_ = nullptr;
 };
 
 /// @brief Reads an optional string member; another type is a 400.

@@ -15,6 +15,7 @@
 
 #include "api_error.hpp"
 #include "app_registry.hpp"
+#include "body_store.hpp"
 #include "crypto.hpp"
 #include "database.hpp"
 #include "mqtt_bridge.hpp"
@@ -37,6 +38,7 @@ struct Options {
   std::vector<std::string> apps;
   std::int64_t tokenTtl = 86400;
   std::size_t maxBody = 16 * 1024 * 1024;
+  std::uint64_t maxBodySize = std::uint64_t{5} << 30;
   bool verbose = false;
   bool watchStdin = false;
   std::string exportDir, importDir;
@@ -186,7 +188,21 @@ int run(const Options& options) {
   settings.scriptLimits.time =
       std::chrono::milliseconds(static_cast<std::int64_t>(options.codeTimeLimit * 1000));
   settings.scriptLimits.memoryBytes = options.codeMemoryLimit * 1024 * 1024;
+  settings.maxBodySize = options.maxBodySize;
   jovemu::Service service(db, apps, settings);
+  // Object bodies are files under DATA/bodies, or in a temporary directory for a store in
+  // memory; files no row names any more (a crash, buckets dropped whole) go at start.
+  std::unique_ptr<jovemu::BodyFiles> bodies;
+  if (options.data == ":memory:") {
+    std::string pattern = (std::filesystem::temp_directory_path() / "jov-bodies-XXXXXX").string();
+    if (!::mkdtemp(pattern.data())) throw std::runtime_error("cannot make a temporary directory");
+    bodies = std::make_unique<jovemu::BodyFiles>(pattern, true);
+  } else {
+    bodies =
+        std::make_unique<jovemu::BodyFiles>(std::filesystem::path(options.data) / "bodies", false);
+  }
+  bodies->sweep(db);
+  service.bodies = bodies.get();
   if (!options.serverCode.empty()) deployStartupScript(service, options);
   Broker broker(options);
   std::unique_ptr<jovemu::MqttBridge> bridge;
@@ -202,9 +218,11 @@ int run(const Options& options) {
   jovemu::ServerOptions serverOptions;
   serverOptions.port = options.port;
   serverOptions.maxBody = options.maxBody;
+  serverOptions.maxStreamBody = options.maxBodySize;
   serverOptions.verbose = options.verbose;
   jovemu::HttpServer server(router, serverOptions);
   server.start();
+  service.setPublicBaseURL("http://127.0.0.1:" + std::to_string(server.port()));
   std::cout << server.baseURL() << std::endl;  // the first line; endl flushes it
   if (options.watchStdin) watchStandardInput();
 
@@ -236,6 +254,9 @@ int main(int argc, char** argv) {
       });
   app.add_option("--token-ttl", options.tokenTtl, "Access-token lifetime in seconds")
       ->check(CLI::Range(std::int64_t{1}, std::int64_t{10} * 365 * 86400));
+  app.add_option("--max-body-size", options.maxBodySize,
+                 "Largest object body in bytes, in one request or chunked (default 5 GiB)")
+      ->check(CLI::PositiveNumber);
   app.add_option("--max-body", options.maxBody, "Largest accepted request body in bytes")
       ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 40));
   app.add_flag("--verbose", options.verbose, "Log one line per request to standard error");

@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include "acl_store.hpp"
+#include "body_store.hpp"
 
 namespace jovemu {
 
@@ -122,6 +123,7 @@ void dropBucket(Connection& conn, const BucketRow& bucket) {
   std::string sql = "DROP TABLE IF EXISTS " + bucket.table();
   conn.exec(sql.c_str());
   dropBucketEntries(conn, bucket.key);
+  forgetBucketBodies(conn, bucket.key);
   for (const char* statement : {"DELETE FROM push_bucket_subscriptions WHERE bucket_key = ?1",
                                 "DELETE FROM buckets WHERE bucket_key = ?1"}) {
     auto stmt = conn.prepare(statement);

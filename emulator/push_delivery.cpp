@@ -65,9 +65,12 @@ nlohmann::json apsOf(const nlohmann::json& apns) {
   nlohmann::json aps = nlohmann::json::object();
   if (auto alert = apns.find("alert"); alert != apns.end() && alert->is_object()) {
     static const std::pair<const char*, const char*> kAlertKeys[] = {
-        {"body", "body"},         {"title", "title"},
-        {"subtitle", "subtitle"}, {"actionLocKey", "action-loc-key"},
-        {"locKey", "loc-key"},    {"locArgs", "loc-args"},
+        {"body", "body"},
+        {"title", "title"},
+        {"subtitle", "subtitle"},
+        {"actionLocKey", "action-loc-key"},
+        {"locKey", "loc-key"},
+        {"locArgs", "loc-args"},
         {"launchImage", "launch-image"}};
     nlohmann::json out = nlohmann::json::object();
     for (const auto& [from, to] : kAlertKeys) {
@@ -75,13 +78,12 @@ nlohmann::json apsOf(const nlohmann::json& apns) {
     }
     aps["alert"] = std::move(out);
   }
-  static const std::pair<const char*, const char*> kKeys[] = {{"sound", "sound"},
-                                                               {"badge", "badge"},
-                                                               {"category", "category"},
-                                                               {"contentAvailable",
-                                                                "content-available"},
-                                                               {"mutableContent",
-                                                                "mutable-content"}};
+  static const std::pair<const char*, const char*> kKeys[] = {
+      {"sound", "sound"},
+      {"badge", "badge"},
+      {"category", "category"},
+      {"contentAvailable", "content-available"},
+      {"mutableContent", "mutable-content"}};
   for (const auto& [from, to] : kKeys) {
     if (apns.contains(from)) aps[to] = apns.at(from);
   }
@@ -151,8 +153,8 @@ std::size_t deliverTopicMessage(Connection& conn, const std::string& appID, cons
       merge(payload, keys);
       if (std::string(channel) == "APNS") payload["aps"] = apsOf(fields);
       insertDelivery(conn, appID,
-                     {"TOPIC_MESSAGE", userID, installation.installationID,
-                      installation.deviceType, channel, std::move(payload), nowMs});
+                     {"TOPIC_MESSAGE", userID, installation.installationID, installation.deviceType,
+                      channel, std::move(payload), nowMs});
       ++stored;
     }
   }
@@ -193,8 +195,8 @@ void deliverBucketEvent(Connection& conn, const BucketRow& bucket, const std::st
       // A change is news for the application, not for the person: a silent push.
       if (std::string(channel) == "APNS") payload["aps"] = {{"content-available", 1}};
       insertDelivery(conn, bucket.appID,
-                     {"BUCKET_EVENT", userID, installation.installationID,
-                      installation.deviceType, channel, std::move(payload), nowMs});
+                     {"BUCKET_EVENT", userID, installation.installationID, installation.deviceType,
+                      channel, std::move(payload), nowMs});
     }
   }
 }

@@ -68,7 +68,7 @@ void Router::add(std::string method, std::string_view pattern, Handler handler) 
   routes_.push_back({std::move(method), splitRaw(pattern), std::move(handler)});
 }
 
-void Router::dispatch(const httplib::Request& req, httplib::Response& res) const {
+void Router::dispatch(const httplib::Request& req, httplib::Response& res, BodyReader* body) const {
   auto segments = pathSegments(req.target.empty() ? req.path : req.target);
   const std::string method = req.method == "HEAD" ? "GET" : req.method;
   bool pathKnown = false;
@@ -87,7 +87,7 @@ void Router::dispatch(const httplib::Request& req, httplib::Response& res) const
     if (!match) continue;
     pathKnown = true;
     if (route.method != method) continue;
-    Call call(req, res, std::move(params));
+    Call call(req, res, std::move(params), body);
     try {
       route.handler(call);
     } catch (const ApiError& error) {

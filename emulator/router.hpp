@@ -25,8 +25,17 @@ class Router {
 
   /// @brief Adds a route; "{}" in the pattern matches one non-empty segment.
   void add(std::string method, std::string_view pattern, Handler handler);
-  /// @brief Runs the matching route and turns its ApiError into the error answer.
-  void dispatch(const httplib::Request& req, httplib::Response& res) const;
+  /// @brief Runs the matching route and turns its ApiError into the error answer. `body`
+  /// is the unread body of a request the streaming rule takes (see setStreamingRule).
+  void dispatch(const httplib::Request& req, httplib::Response& res,
+                BodyReader* body = nullptr) const;
+
+  /// @brief Requests whose body the route reads itself, as a stream (object bodies): the
+  /// server hands them over unread, with the body size limit instead of the JSON one.
+  void setStreamingRule(std::function<bool(const httplib::Request&)> rule) {
+    streaming_ = std::move(rule);
+  }
+  bool streams(const httplib::Request& req) const { return streaming_ && streaming_(req); }
 
  private:
   struct Route {
@@ -35,6 +44,7 @@ class Router {
     Handler handler;
   };
   std::vector<Route> routes_;
+  std::function<bool(const httplib::Request&)> streaming_;
 };
 
 }  // namespace jovemu

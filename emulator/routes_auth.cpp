@@ -170,25 +170,24 @@ void addAuthRoutes(Router& router, Service& service) {
     }
   });
 
-  addApiRoute(router, service, "POST", "/oauth2/token",
-              [&service](Call& call, const std::string& appID) {
-                auto body = call.jsonObject();
-                auto grant = optionalString(body, "grant_type").value_or("password");
-                if (grant == "password") {
-                  passwordGrant(service, call, appID, body);
-                } else if (grant == "refresh_token") {
-                  refreshGrant(service, call, appID, body);
-                } else if (grant == kSocialTokenGrant) {
-                  auto now = Service::now();
-                  auto login =
-                      socialTokenLogin(service, appID, body, tokenExpiry(service, body, now));
-                  call.reply(200, tokenAnswer(login.userID, login.tokens, now));
-                } else {
-                  throw ApiError(400, "unsupported_grant_type", "Unsupported grant type",
-                                 {{"error", "unsupported_grant_type"},
-                                  {"error_description", "Unsupported grant type"}});
-                }
-              });
+  addApiRoute(
+      router, service, "POST", "/oauth2/token", [&service](Call& call, const std::string& appID) {
+        auto body = call.jsonObject();
+        auto grant = optionalString(body, "grant_type").value_or("password");
+        if (grant == "password") {
+          passwordGrant(service, call, appID, body);
+        } else if (grant == "refresh_token") {
+          refreshGrant(service, call, appID, body);
+        } else if (grant == kSocialTokenGrant) {
+          auto now = Service::now();
+          auto login = socialTokenLogin(service, appID, body, tokenExpiry(service, body, now));
+          call.reply(200, tokenAnswer(login.userID, login.tokens, now));
+        } else {
+          throw ApiError(400, "unsupported_grant_type", "Unsupported grant type",
+                         {{"error", "unsupported_grant_type"},
+                          {"error_description", "Unsupported grant type"}});
+        }
+      });
 }
 
 }  // namespace jovemu

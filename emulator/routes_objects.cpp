@@ -5,6 +5,7 @@
 #include <regex>
 
 #include "api_error.hpp"
+#include "body_store.hpp"
 #include "bucket_access.hpp"
 #include "crypto.hpp"
 #include "push_delivery.hpp"
@@ -271,6 +272,7 @@ void removeObject(Service& service, Call& call, const std::string& appID,
                   const BucketAddress& address) {
   const std::string& id = call.param(address.next);
   requireObjectID(id);
+  std::vector<std::string> bodyFiles;
   service.db.transaction([&](Connection& conn) {
     auto context = openBucketContext(service, call, conn, appID, address);
     auto bucket = existingBucket(conn, appID, context, address.name);
@@ -280,7 +282,10 @@ void removeObject(Service& service, Call& call, const std::string& appID,
     // Told before the deletion: the object's entries still say who could read it.
     deliverBucketEvent(conn, bucket, id, kObjectDeleted, senderOf(context), Service::now());
     deleteObject(conn, bucket, id);
+    // Its body, public links and uploads go with it.
+    bodyFiles = forgetObjectBodies(conn, bucket.key, id);
   });
+  if (service.bodies) service.bodies->remove(bodyFiles);
   call.replyNoContent();
 }
 

@@ -47,7 +47,9 @@ constexpr const char* kQuery = "application/vnd.jov.ThingQueryRequest+json";
 constexpr int kDefaultPage = 100;
 constexpr int kLargestPage = 1000;
 
-ApiError thingNotFound() { return ApiError(404, "THING_NOT_FOUND", "The thing was not found"); }
+ApiError thingNotFound() {
+  return ApiError(404, "THING_NOT_FOUND", "The thing was not found");
+}
 ApiError invalidThingData(const std::string& message) {
   return ApiError(400, "INVALID_INPUT_DATA", message);
 }
@@ -55,7 +57,7 @@ ApiError invalidThingData(const std::string& message) {
 // The fields a maker may set, by the JSON type their values must have.
 const std::vector<std::string>& stringFields() {
   static const std::vector<std::string> names = {
-      "_vendor",       "_firmwareVersion", "_productName",  "_lot",          "_stringField1",
+      "_vendor",       "_firmwareVersion", "_productName",  "_lot",         "_stringField1",
       "_stringField2", "_stringField3",    "_stringField4", "_stringField5"};
   return names;
 }
@@ -313,8 +315,9 @@ void queryThings(Service& service, Call& call, const std::string& app) {
 
 void addThingRoutes(Router& router, Service& service) {
   using Answer = std::optional<nlohmann::json>;
-  addApiRoute(router, service, "POST", "/things",
-              [&service](Call& call, const std::string& app) { registerThing(service, call, app); });
+  addApiRoute(router, service, "POST", "/things", [&service](Call& call, const std::string& app) {
+    registerThing(service, call, app);
+  });
   addApiRoute(router, service, "POST", "/things/query",
               [&service](Call& call, const std::string& app) { queryThings(service, call, app); });
 

@@ -195,6 +195,37 @@ CREATE TABLE IF NOT EXISTS mqtt_published (
   id   INTEGER PRIMARY KEY CHECK (id = 1),
   seq  INTEGER NOT NULL
 );
+-- Object bodies: the bytes live in a file under the data directory, named here.
+CREATE TABLE IF NOT EXISTS object_bodies (
+  bucket_key    INTEGER NOT NULL,
+  object_id     TEXT NOT NULL,
+  file          TEXT NOT NULL,
+  content_type  TEXT NOT NULL,
+  size          INTEGER NOT NULL,
+  md5           TEXT NOT NULL,
+  PRIMARY KEY (bucket_key, object_id)
+);
+CREATE TABLE IF NOT EXISTS body_publications (
+  token       TEXT PRIMARY KEY,
+  bucket_key  INTEGER NOT NULL,
+  object_id   TEXT NOT NULL,
+  expires_at  INTEGER
+);
+CREATE INDEX IF NOT EXISTS body_publications_by_object ON body_publications(bucket_key, object_id);
+-- Chunked uploads: the bytes received so far are in the part file, fsync'ed before
+-- "received" moves.
+CREATE TABLE IF NOT EXISTS body_uploads (
+  upload_id     TEXT PRIMARY KEY,
+  bucket_key    INTEGER NOT NULL,
+  object_id     TEXT NOT NULL,
+  owner         TEXT,
+  content_type  TEXT NOT NULL,
+  size          INTEGER NOT NULL,
+  received      INTEGER NOT NULL,
+  part_file     TEXT NOT NULL,
+  expires_at    INTEGER NOT NULL
+);
+CREATE INDEX IF NOT EXISTS body_uploads_by_object ON body_uploads(bucket_key, object_id);
 )sql";
 
 // Accounts of the stand-in social provider (one for the whole emulator, as a real provider is

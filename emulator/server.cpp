@@ -144,10 +144,18 @@ class ConnectionStream final : public httplib::Stream {
     deadline_ = Clock::now() + options_.headerTimeout;
     budget_ = kMaxHeaderBytes;
   }
-  void beginBody() {
+  // A streamed body (an object's) may be as large as its own limit and take as long as it
+  // keeps moving; any other must arrive whole before the body deadline.
+  void beginBody(bool streamed) {
     inBody_ = true;
-    deadline_ = Clock::now() + options_.bodyTimeout;
-    budget_ = bodyBudget_;
+    if (streamed) {
+      deadline_ = Clock::time_point::max();
+      const std::uint64_t framing = options_.maxStreamBody / 64 + kMaxHeaderBytes;
+      budget_ = static_cast<std::size_t>(options_.maxStreamBody + framing);
+    } else {
+      deadline_ = Clock::now() + options_.bodyTimeout;
+      budget_ = bodyBudget_;
+    }
   }
   bool hasBuffered() const { return position_ < length_; }
   bool failed() const { return failed_; }
@@ -217,7 +225,8 @@ class ConnectionStream final : public httplib::Stream {
   // Headers have one deadline in all; a body has its own, and may not pause for too long.
   Clock::time_point readDeadline() const {
     if (!inBody_) return deadline_;
-    return std::min(deadline_, Clock::now() + options_.bodyIdleTimeout);
+    const auto idle = Clock::now() + options_.bodyIdleTimeout;
+    return deadline_ < idle ? deadline_ : idle;
   }
 
   int sock_;
@@ -329,6 +338,10 @@ class HttpServer::Listener : public httplib::Server {
   }
 
   int socket() const { return static_cast<int>(svr_sock_); }
+  /// Which requests stream their body (they get the larger budget and no total deadline).
+  void setStreamingRule(std::function<bool(const httplib::Request&)> rule) {
+    streams_ = std::move(rule);
+  }
 
   // Wakes every connection waiting for a request or for bytes of one.
   void interrupt() {
@@ -378,8 +391,9 @@ class HttpServer::Listener : public httplib::Server {
       stream.beginHeaders();
       bool closed = false;
       bool last = served + 1 == kKeepAliveMaxCount || !is_running();
-      bool ok = process_request(stream, last, closed,
-                                [&stream](httplib::Request&) { stream.beginBody(); });
+      bool ok = process_request(stream, last, closed, [this, &stream](httplib::Request& req) {
+        stream.beginBody(streams_ && streams_(req));
+      });
       if (stream.bodyOverBudget()) state.bodyTooLarge = true;
       if (!ok || closed || last || state.closeAfterResponse || stream.failed()) {
         linger = state.closeAfterResponse || stream.bodyOverBudget();
@@ -398,6 +412,7 @@ class HttpServer::Listener : public httplib::Server {
   }
 
   const ServerOptions options_;
+  std::function<bool(const httplib::Request&)> streams_;
   int stopPipe_[2] = {-1, -1};
   std::mutex mutex_;
   std::unordered_map<std::string, std::size_t> perClient_;
@@ -458,9 +473,16 @@ HttpServer::HttpServer(const Router& router, ServerOptions options)
     : server_(std::make_unique<Listener>(options)), options_(options) {
   auto& server = *server_;
   const std::size_t maxBody = options_.maxBody;
+  const std::uint64_t maxStream = options_.maxStreamBody;
+  server_->setStreamingRule([&router](const httplib::Request& req) { return router.streams(req); });
+  // The limit of a request's body: an object's body streams to a file and has its own.
+  auto limitOf = [&router, maxBody, maxStream](const httplib::Request& req) -> std::uint64_t {
+    return router.streams(req) ? maxStream : maxBody;
+  };
   // cpp-httplib checks this against Content-Length only; chunked bodies are bounded by the
   // content receivers below and by the connection's byte budget.
-  server.set_payload_max_length(maxBody);
+  server.set_payload_max_length(
+      static_cast<std::size_t>(std::max<std::uint64_t>(maxBody, maxStream)));
   // Answers go out at once rather than waiting on the client's delayed ACK.
   server.set_tcp_nodelay(true);
   // Only for the Keep-Alive header: the connection loop applies these itself.
@@ -470,9 +492,9 @@ HttpServer::HttpServer(const Router& router, ServerOptions options)
 
   // A body announced too large is refused before the client sends it.
   server.set_expect_100_continue_handler(
-      [maxBody](const httplib::Request& req, httplib::Response& res) {
+      [limitOf](const httplib::Request& req, httplib::Response& res) {
         auto length = contentLength(req.get_header_value("Content-Length"));
-        if (length && *length > maxBody) {
+        if (length && *length > limitOf(req)) {
           writeFinalError(res, 413, errorCodeFor(413), messageFor(413));
           return 413;
         }
@@ -481,58 +503,70 @@ HttpServer::HttpServer(const Router& router, ServerOptions options)
 
   // Every method goes to the router, which knows the routes; a long path is refused before
   // the regular expression below ever sees it.
-  server.set_pre_routing_handler(
-      [&router, maxBody](const httplib::Request& req, httplib::Response& res) {
-        auto handled = httplib::Server::HandlerResponse::Handled;
-        if (req.path.size() > 2048) {
-          writeFinalError(res, 414, "URI_TOO_LONG", "The request URI is too long");
-          return handled;
-        }
-        bool hasLength = req.has_header("Content-Length");
-        bool hasEncoding = req.has_header("Transfer-Encoding");
-        // Without a length, only chunked framing says where a body ends; anything else would be
-        // read until the client closes.
-        if (hasEncoding && req.get_header_value("Transfer-Encoding") != "chunked") {
-          writeFinalError(res, 400, "INVALID_INPUT_DATA", "Unsupported Transfer-Encoding");
-          return handled;
-        }
-        if (hasLength && !hasEncoding) {
-          auto length = contentLength(req.get_header_value("Content-Length"));
-          if (!length || req.get_header_value_count("Content-Length") != 1) {
-            writeFinalError(res, 400, "INVALID_INPUT_DATA", "The Content-Length is not valid");
-            return handled;
-          }
-          if (*length > maxBody) {
-            writeFinalError(res, 413, errorCodeFor(413), messageFor(413));
-            return handled;
-          }
-        }
-        // cpp-httplib reads no body of a GET, HEAD or OPTIONS, and the bytes of one that comes
-        // with a body would be taken for the next request on the connection. Such a request is
-        // answered without its body, and the connection closed after the answer.
-        const bool bodiless = req.method == "GET" || req.method == "HEAD" || req.method == "OPTIONS";
-        if (bodiless && (hasEncoding || (hasLength && contentLength(req.get_header_value(
-                                                         "Content-Length")) != std::uint64_t{0}))) {
-          router.dispatch(req, res);
-          if (currentConnection) currentConnection->closeAfterResponse = true;
-          res.set_header("Connection", "close");
-          return handled;
-        }
-        // A request with neither Content-Length nor Transfer-Encoding has no body (libcurl sends
-        // bodiless PUT and DELETE that way), but cpp-httplib would wait for one until its read
-        // timeout: such requests are answered here, before it tries to read.
-        if (!hasLength && !hasEncoding) {
-          router.dispatch(req, res);
-          return handled;
-        }
-        return httplib::Server::HandlerResponse::Unhandled;
-      });
+  server.set_pre_routing_handler([&router, limitOf](const httplib::Request& req,
+                                                    httplib::Response& res) {
+    auto handled = httplib::Server::HandlerResponse::Handled;
+    if (req.path.size() > 2048) {
+      writeFinalError(res, 414, "URI_TOO_LONG", "The request URI is too long");
+      return handled;
+    }
+    bool hasLength = req.has_header("Content-Length");
+    bool hasEncoding = req.has_header("Transfer-Encoding");
+    // Without a length, only chunked framing says where a body ends; anything else would be
+    // read until the client closes.
+    if (hasEncoding && req.get_header_value("Transfer-Encoding") != "chunked") {
+      writeFinalError(res, 400, "INVALID_INPUT_DATA", "Unsupported Transfer-Encoding");
+      return handled;
+    }
+    if (hasLength && !hasEncoding) {
+      auto length = contentLength(req.get_header_value("Content-Length"));
+      if (!length || req.get_header_value_count("Content-Length") != 1) {
+        writeFinalError(res, 400, "INVALID_INPUT_DATA", "The Content-Length is not valid");
+        return handled;
+      }
+      if (*length > limitOf(req)) {
+        writeFinalError(res, 413, errorCodeFor(413), messageFor(413));
+        return handled;
+      }
+    }
+    // cpp-httplib reads no body of a GET, HEAD or OPTIONS, and the bytes of one that comes
+    // with a body would be taken for the next request on the connection. Such a request is
+    // answered without its body, and the connection closed after the answer.
+    const bool bodiless = req.method == "GET" || req.method == "HEAD" || req.method == "OPTIONS";
+    if (bodiless && (hasEncoding || (hasLength && contentLength(req.get_header_value(
+                                                      "Content-Length")) != std::uint64_t{0}))) {
+      router.dispatch(req, res);
+      if (currentConnection) currentConnection->closeAfterResponse = true;
+      res.set_header("Connection", "close");
+      return handled;
+    }
+    // A request with neither Content-Length nor Transfer-Encoding has no body (libcurl sends
+    // bodiless PUT and DELETE that way), but cpp-httplib would wait for one until its read
+    // timeout: such requests are answered here, before it tries to read.
+    if (!hasLength && !hasEncoding) {
+      router.dispatch(req, res);
+      return handled;
+    }
+    return httplib::Server::HandlerResponse::Unhandled;
+  });
   auto dispatch = [&router](const httplib::Request& req, httplib::Response& res) {
     router.dispatch(req, res);
   };
-  auto dispatchReading = [&router, maxBody](const httplib::Request& req, httplib::Response& res,
-                                            const httplib::ContentReader& reader) {
-    dispatchWithBody(router, maxBody, req, res, reader);
+  auto dispatchReading = [&router, maxBody, maxStream](const httplib::Request& req,
+                                                       httplib::Response& res,
+                                                       const httplib::ContentReader& reader) {
+    if (!router.streams(req)) {
+      dispatchWithBody(router, maxBody, req, res, reader);
+      return;
+    }
+    // The route reads the body itself; what it left unread ends the connection.
+    BodyReader body(reader, maxStream);
+    router.dispatch(req, res, &body);
+    if (!body.consumed() && currentConnection) {
+      currentConnection->closeAfterResponse = true;
+      currentConnection->bodyTooLarge |= body.tooLarge();
+      res.set_header("Connection", "close");
+    }
   };
   server.Get("/.*", dispatch);
   server.Options("/.*", dispatch);

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <thread>
@@ -21,6 +22,8 @@ namespace jovemu {
 struct ServerOptions {
   int port = 0;  ///< 0 picks a free port
   std::size_t maxBody = 16 * 1024 * 1024;
+  /// The limit of an object's body, which streams to a file rather than to memory.
+  std::uint64_t maxStreamBody = std::uint64_t{5} << 30;
   bool verbose = false;
   /// Connections served at once, every client together; one more is closed at once.
   std::size_t maxConnections = 4096;

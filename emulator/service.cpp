@@ -73,6 +73,7 @@ void addAllRoutes(Router& router, Service& service) {
   addEmulatorRoutes(router, service);
   addSocialRoutes(router, service);
   addThingRoutes(router, service);
+  addBodyRoutes(router, service);
 }
 
 }  // namespace jovemu

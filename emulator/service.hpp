@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -22,7 +23,11 @@ struct ServiceSettings {
   std::int64_t pinLifetimeMs = 10 * 60 * 1000;
   /// Time and memory each server-code execution may use.
   ScriptLimits scriptLimits;
+  /// The largest object body accepted, single request or chunked.
+  std::uint64_t maxBodySize = std::uint64_t{5} << 30;
 };
+
+class BodyFiles;
 
 class MqttBridge;
 
@@ -36,6 +41,17 @@ class Service {
   const ServiceSettings settings;
   /// The MQTT broker deliveries are published to; nullptr when the emulator runs without one.
   MqttBridge* mqtt = nullptr;
+  /// Where object bodies are stored; nullptr when the emulator stores none.
+  BodyFiles* bodies = nullptr;
+  /// "http://127.0.0.1:PORT": where the emulator serves public links (known once it listens).
+  std::string publicBaseURL() const {
+    std::lock_guard lock(publicMutex_);
+    return publicBaseURL_;
+  }
+  void setPublicBaseURL(std::string url) {
+    std::lock_guard lock(publicMutex_);
+    publicBaseURL_ = std::move(url);
+  }
 
   /// @brief Milliseconds since 1970.
   static std::int64_t now();
@@ -45,6 +61,10 @@ class Service {
   /// @brief The user of the request's bearer token: 403 WRONG_TOKEN for an unknown token,
   /// 401 UNAUTHORIZED for an expired or missing one.
   UserRow requireUser(const Call& call, Connection& conn, const std::string& appID) const;
+
+ private:
+  mutable std::mutex publicMutex_;
+  std::string publicBaseURL_;
 };
 
 /// @brief A service route under "/api/apps/{appID}": the handler runs after the application
@@ -74,6 +94,7 @@ void addInstallationRoutes(Router& router, Service& service);
 void addEmulatorRoutes(Router& router, Service& service);
 void addSocialRoutes(Router& router, Service& service);
 void addThingRoutes(Router& router, Service& service);
+void addBodyRoutes(Router& router, Service& service);
 
 /// @brief Every route of the emulator.
 void addAllRoutes(Router& router, Service& service);

@@ -10,9 +10,14 @@ constexpr const char* kThingColumns =
     "thing_id, vendor_thing_id, thing_type, password_hash, fields, disabled, created, modified";
 
 ThingRow readThing(const Statement& stmt) {
-  ThingRow row{stmt.textOr(0), stmt.textOr(1), stmt.textOr(2), stmt.textOr(3),
+  ThingRow row{stmt.textOr(0),
+               stmt.textOr(1),
+               stmt.textOr(2),
+               stmt.textOr(3),
                nlohmann::json::parse(stmt.textOr(4, "{}"), nullptr, false),
-               stmt.integer(5) != 0, stmt.integer(6), stmt.integer(7)};
+               stmt.integer(5) != 0,
+               stmt.integer(6),
+               stmt.integer(7)};
   if (!row.fields.is_object()) row.fields = nlohmann::json::object();
   return row;
 }
@@ -58,8 +63,8 @@ void updateThing(Connection& conn, const std::string& appID, const ThingRow& thi
 
 void deleteThing(Connection& conn, const std::string& appID, const std::string& thingID) {
   for (const char* table : {"thing_owners", "thing_tokens", "things"}) {
-    auto stmt = conn.prepare(std::string("DELETE FROM ") + table +
-                             " WHERE app_id = ?1 AND thing_id = ?2");
+    auto stmt =
+        conn.prepare(std::string("DELETE FROM ") + table + " WHERE app_id = ?1 AND thing_id = ?2");
     stmt.bind(1, appID).bind(2, thingID);
     stmt.run();
   }
@@ -98,8 +103,8 @@ bool addThingOwner(Connection& conn, const std::string& appID, const std::string
 
 bool removeThingOwner(Connection& conn, const std::string& appID, const std::string& thingID,
                       const std::string& owner) {
-  auto stmt = conn.prepare(
-      "DELETE FROM thing_owners WHERE app_id = ?1 AND thing_id = ?2 AND owner = ?3");
+  auto stmt =
+      conn.prepare("DELETE FROM thing_owners WHERE app_id = ?1 AND thing_id = ?2 AND owner = ?3");
   stmt.bind(1, appID).bind(2, thingID).bind(3, owner);
   stmt.run();
   return conn.changes() > 0;
@@ -123,8 +128,7 @@ std::string issueThingToken(Connection& conn, const std::string& appID,
 
 std::optional<std::string> thingOfToken(Connection& conn, const std::string& appID,
                                         const std::string& token) {
-  auto stmt =
-      conn.prepare("SELECT thing_id FROM thing_tokens WHERE app_id = ?1 AND token = ?2");
+  auto stmt = conn.prepare("SELECT thing_id FROM thing_tokens WHERE app_id = ?1 AND token = ?2");
   stmt.bind(1, appID).bind(2, token);
   if (!stmt.step()) return std::nullopt;
   return stmt.textOr(0);

@@ -49,8 +49,7 @@ bool removeThingOwner(Connection& conn, const std::string& appID, const std::str
 void forgetThingOwner(Connection& conn, const std::string& appID, const std::string& owner);
 
 /// @brief A new access token for a thing.
-std::string issueThingToken(Connection& conn, const std::string& appID,
-                            const std::string& thingID);
+std::string issueThingToken(Connection& conn, const std::string& appID, const std::string& thingID);
 /// @brief The thing an access token belongs to.
 std::optional<std::string> thingOfToken(Connection& conn, const std::string& appID,
                                         const std::string& token);

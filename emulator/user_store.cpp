@@ -6,12 +6,12 @@ namespace jovemu {
 
 namespace {
 
-#define USER_COLUMNS                                                                         \
-  "SELECT app_id, user_id, login_name, display_name, email, email_verified, email_pending, " \
-  "phone, phone_verified, phone_pending, country, locale, password_hash, disabled, custom, " \
-  "created, modified, "                                                                     \
+#define USER_COLUMNS                                                                               \
+  "SELECT app_id, user_id, login_name, display_name, email, email_verified, email_pending, "       \
+  "phone, phone_verified, phone_pending, country, locale, password_hash, disabled, custom, "       \
+  "created, modified, "                                                                            \
   "(SELECT json_group_object(s.provider, json_object('id', s.social_id, 'createdAt', s.created)) " \
-  "FROM social_links s WHERE s.app_id = users.app_id AND s.user_id = users.user_id) "       \
+  "FROM social_links s WHERE s.app_id = users.app_id AND s.user_id = users.user_id) "              \
   "FROM users "
 
 UserRow readRow(const Statement& row) {

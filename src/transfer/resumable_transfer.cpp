@@ -286,7 +286,7 @@ std::future<Result<void>> JovResumableTransfer::transferAsync(JovProgressBlock p
 }
 
 Result<void> JovResumableTransfer::suspend() {
-  JovCancellation cancel;
+  std::optional<JovCancellation> cancel;
   {
     std::lock_guard lock(mutex_);
     switch (record_.state) {
@@ -305,9 +305,9 @@ Result<void> JovResumableTransfer::suspend() {
       cancel = cancel_;
     }
   }
-  if (cancel.state()) {
+  if (cancel) {
     // finishRun records the state once the chunk in flight is abandoned.
-    cancel.cancel();
+    cancel->cancel();
     return {};
   }
   saveRecord([](JovTransferRecord& r) { r.state = JovTransferState::Suspended; });
@@ -327,7 +327,7 @@ Result<void> JovResumableTransfer::resume() {
 }
 
 Result<void> JovResumableTransfer::terminate() {
-  JovCancellation cancel;
+  std::optional<JovCancellation> cancel;
   {
     std::lock_guard lock(mutex_);
     switch (record_.state) {
@@ -344,8 +344,8 @@ Result<void> JovResumableTransfer::terminate() {
       cancel = cancel_;
     }
   }
-  if (cancel.state()) {
-    cancel.cancel();
+  if (cancel) {
+    cancel->cancel();
     return {};
   }
   const JovTransferRecord gone = record();
