@@ -182,6 +182,14 @@ void addAuthRoutes(Router& router, Service& service) {
           auto now = Service::now();
           auto login = socialTokenLogin(service, appID, body, tokenExpiry(service, body, now));
           call.reply(200, tokenAnswer(login.userID, login.tokens, now));
+        } else if (grant == kAuthorizationCodeGrant) {
+          auto now = Service::now();
+          std::string providerToken;
+          auto login = authorizationCodeLogin(service, appID, body, tokenExpiry(service, body, now),
+                                              providerToken);
+          auto answer = tokenAnswer(login.userID, login.tokens, now);
+          answer["provider_token"] = providerToken;
+          call.reply(200, answer);
         } else {
           throw ApiError(400, "unsupported_grant_type", "Unsupported grant type",
                          {{"error", "unsupported_grant_type"},

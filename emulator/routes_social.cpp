@@ -181,6 +181,21 @@ void createProviderAccount(Service& service, Call& call) {
 
 }  // namespace
 
+bool isKnownProvider(const std::string& provider) {
+  for (auto known : kProviders)
+    if (known == provider) return true;
+  return false;
+}
+
+std::optional<std::string> providerAccountToken(Connection& conn, const std::string& provider,
+                                                const std::string& socialID) {
+  auto stmt = conn.prepare(
+      "SELECT access_token FROM social_provider_accounts WHERE provider = ?1 AND social_id = ?2");
+  stmt.bind(1, provider).bind(2, socialID);
+  if (!stmt.step()) return std::nullopt;
+  return stmt.text(0);
+}
+
 SocialLogin socialTokenLogin(Service& service, const std::string& appID, const nlohmann::json& body,
                              std::int64_t expiresAt) {
   auto provider = optionalString(body, "provider");
@@ -188,24 +203,30 @@ SocialLogin socialTokenLogin(Service& service, const std::string& appID, const n
   requireProvider(*provider);
   return service.db.transaction([&](Connection& conn) {
     auto socialID = checkProviderToken(conn, *provider, body);
-    auto user = linkedUser(conn, appID, *provider, socialID);
-    if (!user) {
-      // First use: a new user, known by the provider account alone.
-      UserRow created;
-      created.appID = appID;
-      created.userID = newUserID();
-      auto stmt = conn.prepare(
-          "SELECT name FROM social_provider_accounts WHERE provider = ?1 AND social_id = ?2");
-      stmt.bind(1, *provider).bind(2, socialID);
-      if (stmt.step()) created.displayName = stmt.text(0);
-      created.created = created.modified = Service::now();
-      insertUser(conn, created);
-      insertLink(conn, appID, *provider, socialID, created.userID);
-      user = created;
-    }
-    if (user->disabled) throw invalidGrant("The user is disabled");
-    return SocialLogin{user->userID, issueTokens(conn, appID, user->userID, expiresAt)};
+    return loginProviderAccount(conn, appID, *provider, socialID, expiresAt);
   });
+}
+
+SocialLogin loginProviderAccount(Connection& conn, const std::string& appID,
+                                 const std::string& provider, const std::string& socialID,
+                                 std::int64_t expiresAt) {
+  auto user = linkedUser(conn, appID, provider, socialID);
+  if (!user) {
+    // First use: a new user, known by the provider account alone.
+    UserRow created;
+    created.appID = appID;
+    created.userID = newUserID();
+    auto stmt = conn.prepare(
+        "SELECT name FROM social_provider_accounts WHERE provider = ?1 AND social_id = ?2");
+    stmt.bind(1, provider).bind(2, socialID);
+    if (stmt.step()) created.displayName = stmt.text(0);
+    created.created = created.modified = Service::now();
+    insertUser(conn, created);
+    insertLink(conn, appID, provider, socialID, created.userID);
+    user = created;
+  }
+  if (user->disabled) throw invalidGrant("The user is disabled");
+  return SocialLogin{user->userID, issueTokens(conn, appID, user->userID, expiresAt)};
 }
 
 void addSocialRoutes(Router& router, Service& service) {

@@ -74,6 +74,7 @@ void addAllRoutes(Router& router, Service& service) {
   addSocialRoutes(router, service);
   addThingRoutes(router, service);
   addBodyRoutes(router, service);
+  addSocialBrowserRoutes(router, service);
 }
 
 }  // namespace jovemu

@@ -95,6 +95,7 @@ void addEmulatorRoutes(Router& router, Service& service);
 void addSocialRoutes(Router& router, Service& service);
 void addThingRoutes(Router& router, Service& service);
 void addBodyRoutes(Router& router, Service& service);
+void addSocialBrowserRoutes(Router& router, Service& service);
 
 /// @brief Every route of the emulator.
 void addAllRoutes(Router& router, Service& service);

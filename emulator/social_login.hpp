@@ -26,4 +26,24 @@ struct SocialLogin {
 SocialLogin socialTokenLogin(Service& service, const std::string& appID, const nlohmann::json& body,
                              std::int64_t expiresAt);
 
+/// @brief Tokens of the user linked with a provider account, created on first use (in the
+/// caller's transaction).
+SocialLogin loginProviderAccount(Connection& conn, const std::string& appID,
+                                 const std::string& provider, const std::string& socialID,
+                                 std::int64_t expiresAt);
+/// @brief Whether the service has keys for the provider.
+bool isKnownProvider(const std::string& provider);
+/// @brief The stand-in provider's access token of an account, when it has that account.
+std::optional<std::string> providerAccountToken(Connection& conn, const std::string& provider,
+                                                const std::string& socialID);
+
+inline constexpr const char* kAuthorizationCodeGrant = "authorization_code";
+
+/// @brief The "authorization_code" grant of the browser login: the one-time code the service
+/// redirected to the application, its PKCE verifier and redirect URI. 400 invalid_grant for a
+/// code unknown, used, expired, or presented with another verifier or redirect URI.
+SocialLogin authorizationCodeLogin(Service& service, const std::string& appID,
+                                   const nlohmann::json& body, std::int64_t expiresAt,
+                                   std::string& providerToken);
+
 }  // namespace jovemu

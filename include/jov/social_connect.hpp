@@ -3,6 +3,8 @@
 /// @brief JovSocialConnect: login with a social network's token, and linking a social account
 /// to the logged-in user.
 
+#include <chrono>
+#include <functional>
 #include <future>
 #include <map>
 #include <memory>
@@ -19,6 +21,16 @@
 #include "jov/user.hpp"
 
 namespace jov {
+
+/// @brief How a login in the browser reaches the person, and how long it waits for them.
+struct JovBrowserLoginOptions {
+  /// @brief Opens the authorization page; false when it could not. Empty: runs
+  /// "xdg-open URL" (the desktop's default browser). A device without a browser can show
+  /// the URL, or a QR code of it, and return true.
+  std::function<bool(const std::string& url)> openURL;
+  /// @brief How long the person has to sign in before the login gives up (320).
+  std::chrono::seconds timeout{300};
+};
 
 /// @brief What a provider handed the application when the person signed in there.
 ///
@@ -185,8 +197,55 @@ class JovSocialConnect {
   }
   /// @}
 
+  /// @name loginInBrowser
+  /// @{
+
+  /// Logs in through the system browser, the way native applications use OAuth: the library
+  /// listens on a free loopback port (http://127.0.0.1:PORT/callback), opens the service's
+  /// authorization page for the network (GET "/oauth2/authorize/PROVIDER" with the redirect
+  /// URI, a random state and a PKCE S256 challenge), where the person signs in with the
+  /// provider; the browser comes back to the loopback address with a one-time code, which is
+  /// traded with its verifier for the user's tokens (POST "/oauth2/token", grant
+  /// "authorization_code"). The login then completes as loginWithToken does: the user becomes
+  /// current, its record is read, its credentials are stored.
+  /// @param network the provider
+  /// @param options how the page is opened and how long the login waits
+  /// Raises JovIllegalStateException for an unknown network. Errors: 320 the person denied
+  /// access, closed the page (the wait timed out) or the login was cancelled; 322 the page could
+  /// not be opened or the service answered the browser with an error; 314 the application has
+  /// no key for the network; 321 the service refused the code; 302 the user is disabled; and
+  /// the errors of every exchange. A failed login leaves nobody logged in.
+  static Result<JovUser::Ptr> loginInBrowserSynchronous(JovSocialNetwork network,
+                                                        JovBrowserLoginOptions options = {}) {
+    return detail::runSync(browserLoginRoutine(checkedNetwork(network), std::move(options)));
+  }
+  static void loginInBrowser(JovSocialNetwork network, JovBrowserLoginOptions options,
+                             UserBlock block, JovCancellation cancel = {}) {
+    detail::runClassBlock(browserLoginRoutine(checkedNetwork(network), std::move(options)),
+                          std::move(block), cancel);
+  }
+  static void loginInBrowser(JovSocialNetwork network, JovBrowserLoginOptions options,
+                             JovCallback callback, JovCancellation cancel = {}) {
+    detail::runCallback(nullptr, browserLoginRoutine(checkedNetwork(network), std::move(options)),
+                        std::move(callback), cancel);
+  }
+  static std::future<Result<JovUser::Ptr>> loginInBrowserAsync(JovSocialNetwork network,
+                                                               JovBrowserLoginOptions options = {},
+                                                               JovCancellation cancel = {}) {
+    return detail::runFuture(
+        nullptr, browserLoginRoutine(checkedNetwork(network), std::move(options)), cancel);
+  }
+  /// @}
+
  private:
   JovSocialConnect() = default;
+
+  static detail::Routine<JovUser::Ptr> browserLoginRoutine(JovSocialNetwork network,
+                                                           JovBrowserLoginOptions options);
+  // The end of every login: the user of a token answer becomes current, its record is read
+  // and its credentials stored; the connector keeps the provider's token.
+  static detail::Routine<JovUser::Ptr> completeLogin(JovSocialNetwork network,
+                                                     nlohmann::json answer, JovSocialToken token);
 
   static detail::Routine<JovUser::Ptr> loginRoutine(JovSocialNetwork network, JovSocialToken token);
   static detail::Routine<JovUser::Ptr> linkRoutine(JovSocialNetwork network, JovSocialToken token);

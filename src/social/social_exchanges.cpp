@@ -74,14 +74,20 @@ detail::Routine<JovUser::Ptr> JovSocialConnect::loginRoutine(JovSocialNetwork ne
   if (auto expiresAt = detail::requestedTokenExpiry()) body["expiresAt"] = *expiresAt;
   auto answer = co_await send(kLogin, args().json(std::move(body)));
   if (!answer) co_return answer.error();
-  auto access = jsonString(answer->json, "access_token");
-  auto id = jsonString(answer->json, "id");
+  co_return co_await completeLogin(network, std::move(answer->json), std::move(token));
+}
+
+detail::Routine<JovUser::Ptr> JovSocialConnect::completeLogin(JovSocialNetwork network,
+                                                              nlohmann::json answer,
+                                                              JovSocialToken token) {
+  auto access = jsonString(answer, "access_token");
+  auto id = jsonString(answer, "id");
   if (!access || access->empty() || !id || id->empty()) co_return detail::unreadableAnswer();
 
   auto user = UserAccess::create();
   UserAccess::uuid(*user) = *id;
-  UserAccess::setTokens(*user, *access, jsonString(answer->json, "refresh_token").value_or(""),
-                        expiryOf(answer->json));
+  UserAccess::setTokens(*user, *access, jsonString(answer, "refresh_token").value_or(""),
+                        expiryOf(answer));
   detail::makeCurrent(user);
   // As after every login, the record is read with the new token; without it there is no login.
   auto record = co_await send(kUserRecord, args(*id));
