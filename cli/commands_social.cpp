@@ -1,5 +1,8 @@
-// Social accounts: `jov login --with PROVIDER --token T [--secret S] [--id-token I]`, and
+// Social accounts: `jov login --with PROVIDER` in the browser (--no-browser prints the URL) or
+// with `--token T [--secret S] [--id-token I]`, and
 // `jov link PROVIDER --token T`, `jov unlink PROVIDER` for the logged-in user.
+#include <iostream>
+
 #include "app.hpp"
 
 namespace jovcli {
@@ -12,6 +15,8 @@ using jov::JovUser;
 
 struct SocialArgs {
   std::string provider, token, secret, idToken;
+  bool noBrowser = false;
+  int timeout = 300;
 };
 
 // The network a provider name on the command line names: the service's names, "hotmail" too.
@@ -60,22 +65,38 @@ void addSocialCommands(CLI::App& jov, Context& ctx) {
   auto* login = jov.get_subcommand("login");
   auto* identifier = login->get_option("identifier");
   identifier->required(false);
-  login->add_option("--with", args->provider, "Log in with a social provider's token instead");
+  login->add_option("--with", args->provider,
+                    "Log in with a social provider: in the browser, or with --token");
   addTokenOptions(login, *args);
+  login->add_flag("--no-browser", args->noBrowser,
+                  "Print the sign-in URL instead of opening the browser");
+  login->add_option("--timeout", args->timeout, "Seconds to wait for the browser sign-in")
+      ->check(CLI::PositiveNumber);
   login->parse_complete_callback([&ctx, args, login, identifier] {
     if (args->provider.empty()) {
       if (!args->token.empty() || !args->secret.empty() || !args->idToken.empty())
         throw usageError("--token, --secret and --id-token need --with PROVIDER");
-      if (identifier->empty())
-        throw usageError("an identifier, or --with PROVIDER --token T, is required");
+      if (identifier->empty()) throw usageError("an identifier, or --with PROVIDER, is required");
       return;
     }
     if (!identifier->empty()) throw usageError("--with logs in without an identifier");
     auto network = networkNamed(args->provider);
-    auto token = tokenOf(*args);
+    // Without a token the person signs in at the provider, in a browser.
+    const bool inBrowser = args->token.empty();
+    std::optional<jov::JovSocialToken> token;
+    if (!inBrowser) token = tokenOf(*args);
     login->callback([&ctx, args, network, token] {
       auto user = ctx.establishSession("login failed", [&] {
-        return JovSocialConnect::loginWithTokenSynchronous(network, token);
+        if (token) return JovSocialConnect::loginWithTokenSynchronous(network, *token);
+        jov::JovBrowserLoginOptions options;
+        options.timeout = std::chrono::seconds(args->timeout);
+        if (args->noBrowser) {
+          options.openURL = [](const std::string& url) {
+            std::cerr << "Open this address in a browser to sign in:\n" << url << std::endl;
+            return true;
+          };
+        }
+        return JovSocialConnect::loginInBrowserSynchronous(network, options);
       });
       ctx.print(json{{"userID", user->userID()},
                      {"displayName", orNull(user->displayName())},

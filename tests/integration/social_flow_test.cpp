@@ -144,7 +144,6 @@ TEST(SocialCli, LoginWithAProviderThenLinkAndUnlink) {
   // Usage errors, before any request.
   const std::vector<std::vector<std::string>> misuse = {
       {"login"},
-      {"login", "--with", "github"},
       {"login", "alice", "--with", "github", "--token", "t"},
       {"login", "alice", "--token", "t"},
       {"login", "--with", "myspace", "--token", "t"},
@@ -155,6 +154,12 @@ TEST(SocialCli, LoginWithAProviderThenLinkAndUnlink) {
     auto result = cli.run(args);
     EXPECT_EQ(result.status, 2) << args.back() << ": " << result.err;
   }
+  // Without a token the login happens in a browser; nobody signs in here, so it gives up.
+  auto unattended = cli.run({"login", "--with", "github", "--no-browser", "--timeout", "1"});
+  EXPECT_EQ(unattended.status, 1);
+  EXPECT_NE(unattended.err.find("/oauth2/authorize/github?redirect_uri="), std::string::npos)
+      << unattended.err;
+  EXPECT_NE(unattended.err.find("(320)"), std::string::npos) << unattended.err;
 }
 
 }  // namespace
