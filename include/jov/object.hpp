@@ -236,10 +236,7 @@ class JovObject : public std::enable_shared_from_this<JovObject> {
   /// streamed from a file, never read whole into memory (WithURL). The media type is
   /// decideBodyContentType(contentType, file); it becomes bodyContentType(), and the answer's
   /// "modifiedAt" the object's modified time. `progress` receives the bytes sent and the size.
-  /// @param data the body's bytes
-  /// @param file the file whose content is the body
-  /// @param contentType the body's media type; empty: decided as above
-  /// @param progress called as bytes go out (see JovProgressBlock); may be empty
+  /// `contentType` may be empty (decided as above); `progress` may be empty.
   /// Errors: 501 the object has no ID; 520 the file cannot be read (missing, a directory, no
   /// permission); 510 the object does not exist; 515 the bucket's user or group does not exist;
   /// and the errors of every exchange. A failed upload changes nothing of the object.
@@ -320,8 +317,8 @@ class JovObject : public std::enable_shared_from_this<JovObject> {
   /// arrives: the bytes go to a side file that takes the destination's name only once the whole
   /// body arrived, so a failed download leaves nothing at the destination (and an existing file
   /// there untouched). The answer's "Content-Type" becomes bodyContentType().
-  /// @param file the destination; its folder must exist and be writable
-  /// @param progress called as bytes arrive, with the body's size when the service gave it
+  /// The destination's folder must exist and be writable; `progress` receives the bytes
+  /// arrived and the body's size when the service gave it.
   /// Errors: 501 the object has no ID; 519 the destination's folder is not writable (or the
   /// file cannot be written); 517 the object has no body; 510; 515; and the errors of every
   /// exchange.
@@ -361,8 +358,7 @@ class JovObject : public std::enable_shared_from_this<JovObject> {
   /// "application/vnd.jov.ObjectBodyPublicationRequest+json") and gives its public URL, which
   /// anyone can read without the application's keys: for good, until a date ({"expiresAt":
   /// milliseconds}) or for an interval ({"expiresIn": seconds}).
-  /// @param expiresAt when the link stops working; it must be in the future
-  /// @param expiresIn how long the link works; more than zero seconds
+  /// `expiresAt` must be in the future; `expiresIn` more than zero seconds.
   /// Errors: 501 the object has no ID; 521 the date is not in the future (checked before
   /// anything is sent, and when the service refuses it); 522 the interval is zero or negative;
   /// 517 the object has no body; 510; 515; 202 an answer without "url".

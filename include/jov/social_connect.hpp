@@ -208,8 +208,7 @@ class JovSocialConnect {
   /// traded with its verifier for the user's tokens (POST "/oauth2/token", grant
   /// "authorization_code"). The login then completes as loginWithToken does: the user becomes
   /// current, its record is read, its credentials are stored.
-  /// @param network the provider
-  /// @param options how the page is opened and how long the login waits
+  /// `options` say how the page is opened and how long the login waits.
   /// Raises JovIllegalStateException for an unknown network. Errors: 320 the person denied
   /// access, closed the page (the wait timed out) or the login was cancelled; 322 the page could
   /// not be opened or the service answered the browser with an error; 314 the application has

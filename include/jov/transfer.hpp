@@ -81,8 +81,8 @@ class JovResumableTransfer : public std::enable_shared_from_this<JovResumableTra
   /// changes only then. A download asks for one range at a time (GET OBJECT/body with "Range"
   /// and the body's ETag as "If-Match"), writes to a side file next to the destination, and
   /// renames it into place once its size and MD5 match the body.
-  /// @param progress bytes confirmed and the total: posted to the main queue by the block,
-  ///        delegate and future forms; called on a library thread by the blocking form
+  /// `progress` receives the bytes confirmed and the total: posted to the main queue by the
+  /// block, delegate and future forms; called on a library thread by the blocking form.
   /// Errors: 801 the transfer completed already; 811 it is running; 808 it was terminated;
   /// 809 it was suspended during this run; 810 terminated during this run; 804 the file does
   /// not exist; 805 it is a directory; 803 it cannot be examined; 806 an upload of an empty
