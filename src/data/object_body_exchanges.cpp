@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "core/exchange.hpp"
+#include "data/body_errors.hpp"
 #include "jov/bucket.hpp"
 #include "jov/encoding.hpp"
 #include "jov/logger.hpp"
@@ -23,17 +24,10 @@ namespace {
 
 using detail::args;
 using detail::Exchange;
+using detail::kBodyErrors;
 using detail::onCode;
 using detail::send;
 
-// The service answers 404 "OBJECT_BODY_NOT_FOUND" for an object without a body, besides the
-// object's own refusals.
-constexpr detail::ErrorRule kBodyErrors[] = {
-    onCode("OBJECT_NOT_FOUND", JovError::codeObjectNotFound()),
-    onCode("OBJECT_BODY_NOT_FOUND", JovError::codeObjectBodyNotExistInCloud()),
-    onCode("USER_NOT_FOUND", JovError::codeBucketParentNotExistInCloud()),
-    onCode("GROUP_NOT_FOUND", JovError::codeBucketParentNotExistInCloud()),
-};
 // A publication until a date the service finds past is refused as invalid input.
 constexpr detail::ErrorRule kPublishAtErrors[] = {
     onCode("OBJECT_NOT_FOUND", JovError::codeObjectNotFound()),

@@ -2,14 +2,14 @@
 // A small persistent key-value store (SQLite) for per-user scratch data and similar records.
 
 #include <filesystem>
-#include <mutex>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
-struct sqlite3;
-
 namespace jov::detail {
+
+class SqliteDatabase;
 
 class PreferencesStore {
  public:
@@ -22,7 +22,8 @@ class PreferencesStore {
 
   /// The value stored under key, if any.
   std::optional<nlohmann::json> get(const std::string& key);
-  /// Stores the value under key, durably; false when the store could not write it.
+  /// Stores the value under key, durably; false when the store could not write it. A value
+  /// equal to the stored one writes nothing.
   bool set(const std::string& key, const nlohmann::json& value);
   /// Removes the key; false when the store could not write.
   bool remove(const std::string& key);
@@ -30,8 +31,7 @@ class PreferencesStore {
   bool isOpen() const { return db_ != nullptr; }
 
  private:
-  std::mutex mutex_;
-  sqlite3* db_ = nullptr;
+  std::unique_ptr<SqliteDatabase> db_;  // safe from any thread on its own
 };
 
 }  // namespace jov::detail

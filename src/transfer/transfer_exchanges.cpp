@@ -17,6 +17,7 @@
 
 #include "core/digest.hpp"
 #include "core/exchange.hpp"
+#include "data/body_errors.hpp"
 #include "jov/bucket.hpp"
 #include "jov/encoding.hpp"
 #include "jov/logger.hpp"
@@ -30,16 +31,11 @@ namespace {
 
 using detail::args;
 using detail::Exchange;
+using detail::kBodyErrors;
 using detail::onCode;
 using detail::onStatus;
 using detail::send;
 
-constexpr detail::ErrorRule kBodyErrors[] = {
-    onCode("OBJECT_NOT_FOUND", JovError::codeObjectNotFound()),
-    onCode("OBJECT_BODY_NOT_FOUND", JovError::codeObjectBodyNotExistInCloud()),
-    onCode("USER_NOT_FOUND", JovError::codeBucketParentNotExistInCloud()),
-    onCode("GROUP_NOT_FOUND", JovError::codeBucketParentNotExistInCloud()),
-};
 // A range asked with the ETag of the body as it was when the download began: 412 when the
 // body changed since, 416 when the range lies beyond it.
 constexpr detail::ErrorRule kRangeErrors[] = {
