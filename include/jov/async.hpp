@@ -33,6 +33,11 @@ using JovProgressBlock = std::function<void(std::int64_t done, std::int64_t tota
 class JovMainQueue {
  public:
   /// @brief Receives each completion; it must run it later on the application's loop thread.
+  ///
+  /// It is called on the library's I/O thread or on one of its workers. An executor that runs
+  /// the completion at once instead of handing it over runs it there: the fastest way for a
+  /// completion that only starts the next operation, but one that blocks (a blocking form, a
+  /// file, a lock held long) holds up every exchange in flight meanwhile.
   using Executor = std::function<void(std::function<void()>)>;
 
   /// @brief Posts a completion (to the executor when one is installed).

@@ -916,6 +916,8 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
   detail::Routine<void> putIdentityRoutine(JovIdentityData identityData, JovUserFields userFields,
                                            std::string password);
   detail::Routine<void> refreshRoutine();
+  // loadFromJSON that tells whether any field took a new value.
+  bool loadRecord(const nlohmann::json& record, bool& changed);
   detail::Routine<Groups> memberOfGroupsRoutine();
   detail::Routine<Groups> ownerOfGroupsRoutine();
   detail::Routine<void> saveRoutine();

@@ -235,12 +235,22 @@ void continueOnThisWorker(std::coroutine_handle<> next) {
   tNext = next;
 }
 
+void resumeHere(std::coroutine_handle<> handle) {
+  handle.resume();
+  // A routine that finished hands over to its parent here, once its own frame is off the stack.
+  while (tNext) std::exchange(tNext, {}).resume();
+}
+
 void resumeOnWorker(std::coroutine_handle<> handle) {
-  pool().submit([handle] {
-    handle.resume();
-    // A routine that finished hands over to its parent here, once its own frame is off the stack.
-    while (tNext) std::exchange(tNext, {}).resume();
-  });
+  pool().submit([handle] { resumeHere(handle); });
+}
+
+void resumeAfterWait(const Env& env, std::coroutine_handle<> handle) {
+  if (env.workers) {
+    resumeOnWorker(handle);
+  } else {
+    resumeOnIoThread(handle);
+  }
 }
 
 JovError unexpectedError(std::exception_ptr error) {

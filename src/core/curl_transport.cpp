@@ -14,7 +14,6 @@
 // too, but costs a TCP and TLS handshake each time; refusing the rare replay costs nothing.
 
 #include <curl/curl.h>
-
 #include <strings.h>
 
 #include <algorithm>
@@ -49,8 +48,18 @@ struct HandleContext {
   long connectTimeoutMs = -1;
   long idleSeconds = -1;
   bool progress = false;
+  // The header list the handle was last given, and the headers it was built from: a request
+  // with the same headers as the one before (the common case) reuses it.
+  JovHeaders headers;
+  curl_slist* headerList = nullptr;
   char errorBuffer[CURL_ERROR_SIZE] = {0};
 };
+
+void destroy(HandleContext* context) {
+  curl_easy_cleanup(context->easy);
+  curl_slist_free_all(context->headerList);
+  delete context;
+}
 
 class Share {
  public:
@@ -95,8 +104,7 @@ class HandlePool {
       idle_.push_back(context);
       return;
     }
-    curl_easy_cleanup(context->easy);
-    delete context;
+    destroy(context);
   }
 
  private:
@@ -162,7 +170,6 @@ class CurlRequest final : public JovURLRequest, public detail::LoopTransfer {
   HandlePool* pool_ = nullptr;
   HandleContext* context_ = nullptr;
   CURL* loopEasy_ = nullptr;
-  curl_slist* headerList_ = nullptr;
   std::function<void()> done_;
   std::shared_ptr<CurlRequest> self_;
   std::FILE* uploadFile_ = nullptr;
@@ -170,7 +177,7 @@ class CurlRequest final : public JovURLRequest, public detail::LoopTransfer {
   bool toFile_ = false;  // the current response body goes to the download file
   bool fileFailed_ = false;
   bool cancelled_ = false;
-  bool started_ = false;  // the first byte of the current response body arrived
+  bool started_ = false;         // the first byte of the current response body arrived
   bool sendOnce_ = false;        // not idempotent: one attempt only
   bool replayRefused_ = false;   // libcurl was about to send it a second time
   int attempts_ = 0;             // pre-request callbacks of this exchange
@@ -464,12 +471,19 @@ bool CurlRequest::prepare(HandlePool& pool) {
   curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, custom);
 
   // Headers, spelled as given. "Expect:" keeps curl from waiting for 100 Continue.
-  for (const auto& [field, value] : headers_) {
-    std::string line = value.empty() ? field + ";" : field + ": " + value;
-    headerList_ = curl_slist_append(headerList_, line.c_str());
+  if (context_->headerList == nullptr || context_->headers != headers_) {
+    curl_slist* list = nullptr;
+    std::string line;
+    for (const auto& [field, value] : headers_) {
+      line.assign(field).append(value.empty() ? ";" : ": ").append(value);
+      list = curl_slist_append(list, line.c_str());
+    }
+    list = curl_slist_append(list, "Expect:");
+    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, list);
+    curl_slist_free_all(context_->headerList);
+    context_->headerList = list;
+    context_->headers = headers_;
   }
-  headerList_ = curl_slist_append(headerList_, "Expect:");
-  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headerList_);
 
   lastActivity_ = Clock::now();
   lastDown_ = lastUp_ = 0;
@@ -493,8 +507,8 @@ void CurlRequest::complete(CURLcode code) {
     } else if (fileFailed_) {
       responseError_ = "cannot write the download: " + download_.error();
     } else if (replayRefused_) {
-      responseError_ = "the connection closed before an answer came, and a " + method_ +
-                       " is not sent twice";
+      responseError_ =
+          "the connection closed before an answer came, and a " + method_ + " is not sent twice";
     } else {
       responseError_ =
           std::string(curl_easy_strerror(code)) +
@@ -515,9 +529,6 @@ void CurlRequest::complete(CURLcode code) {
     }
   }
 
-  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
-  curl_slist_free_all(headerList_);
-  headerList_ = nullptr;
   if (uploadFile_) {
     std::fclose(uploadFile_);
     uploadFile_ = nullptr;

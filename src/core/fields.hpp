@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <nlohmann/json.hpp>
+#include <string_view>
 
 namespace jov::detail {
 
@@ -14,7 +15,7 @@ enum class JsonType { String, Number, Boolean, Object, Array };
 
 template <class E>
 struct Field {
-  const char* key;
+  std::string_view key;
   JsonType type;
   void (*apply)(E& entity, const nlohmann::json& value);
 };
@@ -35,25 +36,54 @@ inline bool hasType(const nlohmann::json& value, JsonType type) {
   return false;
 }
 
-/// True when the record is an object whose listed keys all have their types.
+/// The position of a key in a table, or N. Tables are short and keys differ mostly in length, so
+/// a scan that compares lengths first beats a lookup structure.
 template <class E, std::size_t N>
-bool recordFits(const nlohmann::json& record, const Field<E> (&table)[N]) {
+std::size_t fieldIndex(std::string_view key, const Field<E> (&table)[N]) {
+  for (std::size_t i = 0; i < N; ++i)
+    if (table[i].key.size() == key.size() && table[i].key == key) return i;
+  return N;
+}
+
+/// True when the table lists the key.
+template <class E, std::size_t N>
+bool listsKey(std::string_view key, const Field<E> (&table)[N]) {
+  return fieldIndex(key, table) < N;
+}
+
+/// The record's values of the table's fields, in table order (nullptr where absent or null);
+/// false when the record is not an object or a listed key has another type. The record is read
+/// once, key by key.
+template <class E, std::size_t N>
+bool matchFields(const nlohmann::json& record, const Field<E> (&table)[N],
+                 const nlohmann::json* (&values)[N]) {
   if (!record.is_object()) return false;
-  for (const Field<E>& field : table) {
-    auto it = record.find(field.key);
-    if (it != record.end() && !it->is_null() && !hasType(*it, field.type)) return false;
+  for (auto& value : values) value = nullptr;
+  for (auto it = record.begin(); it != record.end(); ++it) {
+    if (it->is_null()) continue;
+    const std::size_t i = fieldIndex(it.key(), table);
+    if (i == N) continue;
+    if (!hasType(*it, table[i].type)) return false;
+    values[i] = &*it;
   }
   return true;
 }
 
-/// Applies a record through the table; false (and nothing applied) when it does not fit.
+/// True when the record is an object whose listed keys all have their types.
+template <class E, std::size_t N>
+bool recordFits(const nlohmann::json& record, const Field<E> (&table)[N]) {
+  const nlohmann::json* values[N];
+  return matchFields(record, table, values);
+}
+
+/// Applies a record through the table, in table order; false (and nothing applied) when it does
+/// not fit.
 template <class E, std::size_t N>
 bool loadFields(E& entity, const nlohmann::json& record, const Field<E> (&table)[N]) {
-  if (!recordFits(record, table)) return false;
-  for (const Field<E>& field : table) {
-    auto it = record.find(field.key);
-    if (it != record.end() && !it->is_null()) field.apply(entity, *it);
-  }
+  const nlohmann::json* values[N];
+  if (!matchFields(record, table, values)) return false;
+  for (std::size_t i = 0; i < N; ++i)
+    if (values[i] != nullptr) table[i].apply(entity, *values[i]);
   return true;
 }
 

@@ -17,7 +17,8 @@ namespace jov::detail {
 
 namespace {
 std::atomic<bool> gExiting{false};
-}
+thread_local bool tOnIoThread = false;
+}  // namespace
 
 void curlGlobalInit() {
   static std::once_flag once;
@@ -45,19 +46,30 @@ class IoLoop::Impl {
       std::lock_guard lock(mutex_);
       adds_.push_back(t);
     }
-    curl_multi_wakeup(multi_);
+    wake();
   }
   void cancel(std::shared_ptr<LoopTransfer> t) {
     {
       std::lock_guard lock(mutex_);
       cancels_.push_back(std::move(t));
     }
-    curl_multi_wakeup(multi_);
+    wake();
   }
   void addTimer(Clock::time_point when, std::function<void()> fire) {
     {
       std::lock_guard lock(mutex_);
       timers_.push(Timer{when, seq_++, std::move(fire)});
+    }
+    wake();
+  }
+  void post(std::coroutine_handle<> handle) {
+    if (tOnIoThread) {
+      local_.push_back(handle);
+      return;
+    }
+    {
+      std::lock_guard lock(mutex_);
+      posted_.push_back(handle);
     }
     curl_multi_wakeup(multi_);
   }
@@ -68,6 +80,16 @@ class IoLoop::Impl {
   }
 
  private:
+  // From another thread, the loop may be asleep in curl_multi_poll; from its own thread, it
+  // looks at its queues again before it sleeps.
+  void wake() {
+    if (tOnIoThread) {
+      again_ = true;
+    } else {
+      curl_multi_wakeup(multi_);
+    }
+  }
+
   struct Timer {
     Clock::time_point when;
     std::uint64_t seq;
@@ -91,6 +113,8 @@ class IoLoop::Impl {
     std::lock_guard lock(mutex_);
     adds.swap(adds_);
     cancels.swap(cancels_);
+    local_.insert(local_.end(), posted_.begin(), posted_.end());
+    posted_.clear();
     const auto now = Clock::now();
     while (!timers_.empty() && timers_.top().when <= now) {
       due.push_back(std::move(const_cast<Timer&>(timers_.top()).fire));
@@ -113,12 +137,23 @@ class IoLoop::Impl {
     return it == active_.end() ? nullptr : it->second;
   }
 
+  // Runs the coroutines posted to this thread, and those they post in turn.
+  void runLocal() {
+    while (!local_.empty()) {
+      running_.swap(local_);
+      for (auto handle : running_) resumeHere(handle);
+      running_.clear();
+    }
+  }
+
   void loop() {
+    tOnIoThread = true;
     std::vector<LoopTransfer*> adds;
     std::vector<std::shared_ptr<LoopTransfer>> cancels;
     std::vector<std::function<void()>> due;
     while (!stop_.load()) {
       int waitMs = 1000;
+      again_ = false;
       takeQueued(adds, cancels, due, waitMs);
       for (LoopTransfer* t : adds) {
         if (curl_multi_add_handle(multi_, t->easyHandle()) == CURLM_OK) {
@@ -135,6 +170,7 @@ class IoLoop::Impl {
       adds.clear();
       cancels.clear();
       due.clear();
+      runLocal();
 
       int running = 0;
       curl_multi_perform(multi_, &running);
@@ -144,7 +180,10 @@ class IoLoop::Impl {
         CURLcode code = msg->data.result;
         if (LoopTransfer* t = transferOf(msg->easy_handle)) finish(t, code);
       }
+      // The routines the answers resume: they may add the next exchanges at once.
+      runLocal();
       if (stop_.load()) break;
+      if (again_) continue;
       curl_multi_poll(multi_, nullptr, 0, waitMs, nullptr);
     }
   }
@@ -157,7 +196,11 @@ class IoLoop::Impl {
   std::vector<std::shared_ptr<LoopTransfer>> cancels_;
   std::priority_queue<Timer, std::vector<Timer>, std::greater<>> timers_;
   std::uint64_t seq_ = 0;
+  std::vector<std::coroutine_handle<>> posted_;      // from other threads, under mutex_
   std::unordered_map<CURL*, LoopTransfer*> active_;  // I/O thread only
+  std::vector<std::coroutine_handle<>> local_;       // I/O thread only
+  std::vector<std::coroutine_handle<>> running_;     // I/O thread only
+  bool again_ = false;  // I/O thread only: something was queued meanwhile
 };
 
 IoLoop::IoLoop() : impl_(new Impl()) {
@@ -177,6 +220,17 @@ void IoLoop::cancel(std::shared_ptr<LoopTransfer> transfer) {
 }
 void IoLoop::addTimer(Clock::time_point when, std::function<void()> fire) {
   impl_->addTimer(when, std::move(fire));
+}
+void IoLoop::post(std::coroutine_handle<> handle) {
+  impl_->post(handle);
+}
+
+bool onIoThread() {
+  return tOnIoThread;
+}
+
+void resumeOnIoThread(std::coroutine_handle<> handle) {
+  IoLoop::instance().post(handle);
 }
 bool IoLoop::exiting() {
   return gExiting.load(std::memory_order_relaxed);

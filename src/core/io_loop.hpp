@@ -1,11 +1,12 @@
 #pragma once
 // The library's I/O thread: one libcurl multi handle that drives every asynchronous exchange,
-// and the timers of operation deadlines. Nothing else runs here: a finished transfer hands its
-// outcome to a worker at once.
+// the timers of operation deadlines and retries, and the routines' CPU steps between exchanges
+// (a routine that may block moves to the worker pool, see mayBlock).
 
 #include <curl/curl.h>
 
 #include <chrono>
+#include <coroutine>
 #include <functional>
 #include <memory>
 
@@ -13,6 +14,9 @@ namespace jov::detail {
 
 /// curl_global_init, once for the process.
 void curlGlobalInit();
+
+/// Resumes a coroutine on this thread, then the parents that finished children hand over to.
+void resumeHere(std::coroutine_handle<> handle);
 
 /// A transfer the loop drives; its easy handle is fully set up before add().
 class LoopTransfer {
@@ -37,6 +41,9 @@ class IoLoop {
   void cancel(std::shared_ptr<LoopTransfer> transfer);
   /// Runs `fire` on the I/O thread at `when` (it must be short: it may not block).
   void addTimer(Clock::time_point when, std::function<void()> fire);
+  /// Resumes a coroutine on the I/O thread; from the I/O thread itself, once what runs now
+  /// returned (never nested). Any thread.
+  void post(std::coroutine_handle<> handle);
 
   /// True once the process began to exit: late work is dropped instead of run.
   static bool exiting();

@@ -5,6 +5,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <random>
@@ -12,8 +13,8 @@
 #include <thread>
 
 #include "core/cancel_state.hpp"
-#include "core/io_loop.hpp"
 #include "core/exchange.hpp"
+#include "core/io_loop.hpp"
 #include "core/session.hpp"
 #include "jov/application.hpp"
 #include "jov/logger.hpp"
@@ -41,8 +42,10 @@ bool secretField(const std::string& key) {
 void hideSecrets(nlohmann::json& value) {
   if (value.is_object()) {
     for (auto& [key, item] : value.items()) {
-      if (secretField(key) && !item.is_null()) item = kHidden;
-      else hideSecrets(item);
+      if (secretField(key) && !item.is_null())
+        item = kHidden;
+      else
+        hideSecrets(item);
     }
   } else if (value.is_array()) {
     for (auto& item : value) hideSecrets(item);
@@ -150,6 +153,10 @@ void addApplicationHeaders(const JovRequest& r, JovURLRequest& t, const std::str
 constexpr int kMaxJsonDepth = 256;
 
 bool nestedDeeperThan(const std::string& text, int limit) {
+  // Fewer brackets than the limit cannot nest deeper: counting them is cheap.
+  const auto brackets =
+      std::count(text.begin(), text.end(), '{') + std::count(text.begin(), text.end(), '[');
+  if (brackets <= limit) return false;
   int depth = 0;
   bool inString = false, escaped = false;
   for (char c : text) {
@@ -235,6 +242,9 @@ void readFailure(JovURLRequest& t, JovResponse& response, std::string& serverCod
   response.error = JovError::errorWithCode(code, std::move(info));
 }
 
+// Answers larger than this are read (parsed, loaded) on a worker rather than the I/O thread.
+constexpr std::size_t kLargeAnswer = 256 * 1024;
+
 // Who resumes a suspended routine: the event it waits for or the cancellation, whichever first.
 struct Flight {
   std::atomic<bool> claimed{false};
@@ -294,14 +304,21 @@ struct Transmit : CancellableWait {
       transport->sendRequest();
       return false;
     }
-    auto flight = std::make_shared<Flight>();
+    // Without a cancellation nothing races the answer to resume the routine.
+    auto flight = env.cancel ? std::make_shared<Flight>() : nullptr;
     if (!attach(env, flight, routine, [transport = transport] { transport->cancelRequest(); }))
       return false;
-    // After this call the routine may already run on a worker: nothing of `this` is touched.
+    // After this call the routine may already run elsewhere: nothing of `this` is touched.
     // The completion holds the transport: a cancelled routine may end before the exchange does.
+    // A large answer is read on a worker, so that it holds up no other exchange meanwhile.
     JovURLRequest& sender = *transport;
-    sender.sendRequestAsync([flight, routine, keep = transport] {
-      if (flight->claim()) detail::resumeOnWorker(routine);
+    sender.sendRequestAsync([flight, routine, envp = &env, keep = transport] {
+      if (flight && !flight->claim()) return;
+      if (keep->responseData().size() > kLargeAnswer) {
+        detail::resumeOnWorker(routine);
+      } else {
+        detail::resumeAfterWait(*envp, routine);
+      }
     });
     return true;
   }
@@ -328,8 +345,8 @@ struct Backoff : CancellableWait {
     }
     auto flight = std::make_shared<Flight>();
     if (!attach(env, flight, routine, [] {})) return false;
-    detail::IoLoop::instance().addTimer(until, [flight, routine] {
-      if (flight->claim()) detail::resumeOnWorker(routine);
+    detail::IoLoop::instance().addTimer(until, [flight, routine, envp = &env] {
+      if (flight->claim()) detail::resumeAfterWait(*envp, routine);
     });
     return true;
   }
@@ -409,6 +426,8 @@ struct Execution {
   int attempts = 0;
   std::chrono::steady_clock::time_point started;
   std::optional<std::chrono::milliseconds> delay;
+  // The service no longer knows the token: the current user is logged out.
+  bool wrongToken = false;
 };
 
 // The application's checks; false when nothing may be sent.
@@ -459,11 +478,11 @@ std::optional<std::chrono::milliseconds> retryDelay(Execution& x) {
   }
   const auto delay = std::chrono::milliseconds(static_cast<std::int64_t>(std::max(wait, 0.0)));
   if (std::chrono::steady_clock::now() + delay > x.started + p.budget) return std::nullopt;
-  JOV_LOG(JovLogInfo, t.httpMethod() + " " + t.url() + ": " +
-                          (t.responseError() ? *t.responseError()
-                                             : "answered " + std::to_string(status)) +
-                          "; attempt " + std::to_string(x.attempts + 1) + " in " +
-                          std::to_string(delay.count()) + " ms");
+  JOV_LOG(JovLogInfo,
+          t.httpMethod() + " " + t.url() + ": " +
+              (t.responseError() ? *t.responseError() : "answered " + std::to_string(status)) +
+              "; attempt " + std::to_string(x.attempts + 1) + " in " +
+              std::to_string(delay.count()) + " ms");
   return delay;
 }
 
@@ -503,7 +522,7 @@ JovResponse finish(Execution& x) {
   }
   std::string serverCode;
   readFailure(t, x.response, serverCode);
-  if (status == 403 && serverCode == "WRONG_TOKEN" && x.hooks) x.hooks->logOut();
+  x.wrongToken = status == 403 && serverCode == "WRONG_TOKEN" && x.hooks;
   return std::move(x.response);
 }
 
@@ -541,7 +560,11 @@ Task<JovResponse> execute(JovRequest& r, std::string etag) {
     ++x.attempts;
   }
   if (x.error) co_return failed(x);
-  co_return finish(x);
+  x.response = finish(x);
+  // Logging out deletes the stored credentials, which may block.
+  if (x.wrongToken) co_await mayBlock();
+  if (x.wrongToken) x.hooks->logOut();
+  co_return std::move(x.response);
 }
 
 }  // namespace detail

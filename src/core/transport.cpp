@@ -13,7 +13,11 @@ std::optional<std::string> jovHeaderValue(const JovHeaders& headers, const std::
   return std::nullopt;
 }
 
+// A request carries about ten headers: room for them at once rather than four regrowths.
+constexpr std::size_t kUsualHeaders = 12;
+
 void JovURLRequest::setValue(const std::string& value, const std::string& field) {
+  if (headers_.empty()) headers_.reserve(kUsualHeaders);
   std::erase_if(headers_,
                 [&](const auto& h) { return strcasecmp(h.first.c_str(), field.c_str()) == 0; });
   headers_.emplace_back(field, value);
@@ -25,6 +29,7 @@ bool JovURLRequest::isIdempotent() const {
 }
 
 void JovURLRequest::addValue(const std::string& value, const std::string& field) {
+  if (headers_.empty()) headers_.reserve(kUsualHeaders);
   headers_.emplace_back(field, value);
 }
 

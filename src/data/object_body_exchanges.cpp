@@ -163,6 +163,8 @@ std::string JovObject::decideBodyContentType(const std::string& contentType,
 detail::Routine<void> JovObject::uploadRoutine(std::optional<std::string> data,
                                                std::filesystem::path file, std::string contentType,
                                                JovProgressBlock progress) {
+  // The file is examined, and its type may be looked up in the system's table.
+  if (!data) co_await detail::mayBlock();
   auto bucketPath = bucket_ ? bucket_->bucketPath() : std::nullopt;
   auto id = uuid();
   JOV_CO_REQUIRE(bucketPath && id, JovError::codeInvalidObjects());
@@ -192,6 +194,7 @@ detail::Routine<void> JovObject::uploadRoutine(std::optional<std::string> data,
 
 detail::Routine<void> JovObject::downloadRoutine(std::filesystem::path file,
                                                  JovProgressBlock progress) {
+  co_await detail::mayBlock();  // the destination's folder is examined
   auto bucketPath = bucket_ ? bucket_->bucketPath() : std::nullopt;
   auto id = uuid();
   JOV_CO_REQUIRE(bucketPath && id, JovError::codeInvalidObjects());

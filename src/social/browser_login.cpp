@@ -246,6 +246,8 @@ struct AwaitBrowser {
 
 detail::Routine<JovUser::Ptr> JovSocialConnect::browserLoginRoutine(
     JovSocialNetwork network, JovBrowserLoginOptions options) {
+  // A listening socket, a browser to start, then the stored credentials: all may block.
+  co_await detail::mayBlock();
   const std::string provider = providerNameForSocialNetwork(network);
   LoopbackListener listener;
   JOV_CO_REQUIRE(listener.ok(), JovError::codeUnableToLoadAuthPage());

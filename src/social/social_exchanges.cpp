@@ -67,6 +67,8 @@ JovUser::TimePoint expiryOf(const nlohmann::json& answer) {
 
 detail::Routine<JovUser::Ptr> JovSocialConnect::loginRoutine(JovSocialNetwork network,
                                                              JovSocialToken token) {
+  // Logging out and in touches the stored credentials and preferences.
+  co_await detail::mayBlock();
   JovUser::logOut();
   nlohmann::json body = tokenFields(token);
   body["grant_type"] = "social_token";

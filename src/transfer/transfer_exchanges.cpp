@@ -212,6 +212,8 @@ void JovUploader::discard(const JovTransferRecord& record) {
 }
 
 detail::Routine<void> JovUploader::run(JovProgressBlock progress) {
+  // Each chunk is recorded in SQLite, and the file is read or written.
+  co_await detail::mayBlock();
   UploadRun x;
   x.record = record();
   auto place = placeOf(*object());
@@ -336,6 +338,8 @@ void JovDownloader::discard(const JovTransferRecord& record) {
 }
 
 detail::Routine<void> JovDownloader::run(JovProgressBlock progress) {
+  // Each chunk is recorded in SQLite, and the file is read or written.
+  co_await detail::mayBlock();
   DownloadRun x;
   x.record = record();
   auto place = placeOf(*object());

@@ -4,7 +4,8 @@
 // running wait for it and use its outcome instead of refreshing again (the service would
 // otherwise see the same refresh token twice and may refuse the second use). A blocking request
 // waits on a condition variable; an asynchronous one suspends and is resumed on a worker when
-// the refresh ends, so no thread is held while it waits.
+// the refresh ends, so no thread is held while it waits. The refresh itself runs on a worker: it
+// stores the credentials.
 
 #include "users/session_hooks.hpp"
 
@@ -83,6 +84,8 @@ bool nearExpiry(const JovUser& user) {
 constexpr Exchange kRefreshToken{JovMethodPost, "/oauth2/token", {.anonymous = true}};
 
 Task<std::optional<JovError>> refreshNow(JovUser::Ptr user) {
+  // It ends by storing the credentials, or by logging out.
+  co_await mayBlock();
   auto exchanged = co_await refreshAccessTokenRoutine(user->refreshToken());
   if (!exchanged) {
     const JovError& error = exchanged.error();
@@ -161,8 +164,13 @@ Task<std::optional<JovError>> refreshTokenIfNeedRoutine() {
   auto user = Jov::currentUser();
   if (!user || !nearExpiry(*user)) co_return std::nullopt;
 
+  const bool blockingOnIoThread = !(co_await CurrentEnv{}).async && onIoThread();
   RefreshFlight& f = flight();
   std::unique_lock lock(f.mutex);
+  // A blocking request made on the I/O thread (from a completion an executor ran there) cannot
+  // wait for a refresh that needs that thread: it goes out with the token it has, which is near
+  // its expiry, not past it.
+  if (f.running && blockingOnIoThread) co_return std::nullopt;
   while (f.running) {
     // The running refresh replaces the token this request would send: wait for its outcome.
     const bool same = f.user.lock() == user && f.fromToken == user->accessToken();

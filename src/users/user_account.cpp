@@ -58,8 +58,13 @@ detail::Routine<void> JovUser::refreshRoutine() {
   nlohmann::json& record = answer->json;
   if (!record.contains("_emailAddressPending")) record["_emailAddressPending"] = "";
   if (!record.contains("_phoneNumberPending")) record["_phoneNumberPending"] = "";
-  if (!loadFromJSON(record)) co_return detail::unreadableAnswer();
-  if (isLoggedInUser()) detail::storeCurrentUserInfoOrLog();
+  bool changed = false;
+  if (!loadRecord(record, changed)) co_return detail::unreadableAnswer();
+  // The stored credentials hold some of these fields: written again only when one changed.
+  if (changed && isLoggedInUser()) {
+    co_await detail::mayBlock();
+    detail::storeCurrentUserInfoOrLog();
+  }
   co_return {};
 }
 
@@ -140,6 +145,7 @@ detail::Routine<void> JovUser::deleteRoutine() {
   auto answer = co_await send(kDelete, args(uuid_));
   if (!answer) co_return answer.error();
   // Deleting any user ends the login, as it always has.
+  co_await detail::mayBlock();
   logOut();
   co_return {};
 }

@@ -97,6 +97,8 @@ void JovUser::checkTokenArguments(const std::string& token,
 // ------------------------------------------------------------------ registration
 
 detail::Routine<void> JovUser::registrationRoutine() {
+  // Logging out and in touches the stored credentials and preferences.
+  co_await detail::mayBlock();
   logOut();
   auto invalid = [this](int code) {
     validationError_ = JovError::errorWithCode(code);
@@ -137,6 +139,8 @@ detail::Routine<void> JovUser::registrationRoutine() {
 }
 
 detail::Routine<JovUser::Ptr> JovUser::pseudoRegistrationRoutine(JovUserFields userFields) {
+  // Logging out and in touches the stored credentials and preferences.
+  co_await detail::mayBlock();
   logOut();
   if (auto invalid = userFields.validate()) co_return *invalid;
   nlohmann::json body = userFields.toJSON();
@@ -157,6 +161,8 @@ detail::Routine<JovUser::Ptr> JovUser::pseudoRegistrationRoutine(JovUserFields u
 // ------------------------------------------------------------------ the login exchange
 
 detail::Routine<void> JovUser::authenticateRoutine() {
+  // Logging out and in touches the stored credentials and preferences.
+  co_await detail::mayBlock();
   logOut();
   if (password_.empty() || (username_.empty() && phoneNumber_.empty() && email_.empty()))
     co_return JovError::errorWithCode(JovError::codeInvalidUserObject());
@@ -183,6 +189,8 @@ detail::Routine<void> JovUser::authenticateRoutine() {
     logOut();
     co_return fetched.error();
   }
+  // The refresh stores them only when the record changed; a login always does.
+  detail::storeCurrentUserInfoOrLog();
   password_.clear();
   co_return {};
 }
@@ -190,6 +198,8 @@ detail::Routine<void> JovUser::authenticateRoutine() {
 detail::Routine<JovUser::Ptr> JovUser::loginRoutine(Result<Ptr> user) {
   // Every login logs out first, so that a failed attempt, refused input included, leaves no
   // current user.
+  // Logging out and in touches the stored credentials and preferences.
+  co_await detail::mayBlock();
   logOut();
   if (!user) co_return user.error();
   auto login = co_await user.value()->authenticateRoutine();
@@ -213,6 +223,7 @@ detail::Routine<JovUser::Ptr> JovUser::localPhoneLoginRoutine(std::string phoneN
 detail::Routine<JovUser::Ptr> JovUser::tokenLoginRoutine(std::string token,
                                                          std::optional<TimePoint> expiresAt,
                                                          std::string refreshToken) {
+  co_await detail::mayBlock();
   logOut();
   auto answer =
       co_await detail::send(kTokenLogin, detail::args().header("Authorization", "Bearer " + token));

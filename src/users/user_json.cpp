@@ -76,21 +76,35 @@ std::optional<JovSocialAccountInfo> socialAccount(JovSocialNetwork provider,
   return JovSocialAccountInfo(provider, socialID, createdAt);
 }
 
+// Fields that took a new value in the record being loaded on this thread.
+thread_local unsigned tChanges = 0;
+
 template <class T, class V>
 void setIfChanged(T& field, V&& value) {
   if constexpr (std::is_same_v<std::decay_t<V>, nlohmann::json>) {
     // Converted first: comparing a field with a json value is ambiguous under C++20's reversed
     // operators, which clang rejects.
     T converted = value.template get<T>();
-    if (!(field == converted)) field = std::move(converted);
+    if (!(field == converted)) {
+      field = std::move(converted);
+      ++tChanges;
+    }
   } else {
-    if (!(field == value)) field = std::forward<V>(value);
+    if (!(field == value)) {
+      field = std::forward<V>(value);
+      ++tChanges;
+    }
   }
 }
 
 }  // namespace
 
 bool JovUser::loadFromJSON(const nlohmann::json& record) {
+  bool changed = false;
+  return loadRecord(record, changed);
+}
+
+bool JovUser::loadRecord(const nlohmann::json& record, bool& changed) {
   using detail::JsonType;
   using F = detail::Field<JovUser>;
   static const F kFields[] = {
@@ -147,26 +161,29 @@ bool JovUser::loadFromJSON(const nlohmann::json& record) {
          setIfChanged(u.linkedSocialAccounts_, std::move(linked));
        }},
   };
-  if (!detail::recordFits(record, kFields)) return false;
+  const nlohmann::json* values[std::size(kFields)];
+  if (!detail::matchFields(record, kFields, values)) return false;
   // A token refresh on another thread may be storing this user's credentials meanwhile.
   std::lock_guard lock(mutex_);
   // Custom fields and linked accounts are replaced; other fields only when their key is there.
   // Only what changes is written: operations on the same user running at the same time (64
   // refreshes in flight) read its ID while each of them loads the same record again.
-  auto linked = record.find("_thirdPartyAccounts");
-  if (linked == record.end() || linked->is_null())
+  tChanges = 0;
+  static const std::size_t kLinked = detail::fieldIndex("_thirdPartyAccounts", kFields);
+  if (values[kLinked] == nullptr)
     setIfChanged(linkedSocialAccounts_, decltype(linkedSocialAccounts_){});
-  detail::loadFields(*this, record, kFields);
+  for (std::size_t i = 0; i < std::size(kFields); ++i)
+    if (values[i] != nullptr) kFields[i].apply(*this, *values[i]);
   nlohmann::json custom = nlohmann::json::object();
   for (const auto& [key, value] : record.items()) {
     if (value.is_null()) continue;  // a null value reads as an absent key
-    const bool listed = std::any_of(std::begin(kFields), std::end(kFields),
-                                    [&](const F& field) { return key == field.key; });
+    const bool listed = detail::listsKey(key, kFields);
     // "_hasPassword" is the one reserved key kept: it tells full users from pseudo users.
     if (!listed && (key.empty() || key.front() != '_' || key == "_hasPassword"))
       custom[key] = value;
   }
   setIfChanged(customInfo_, std::move(custom));
+  changed = tChanges > 0;
   return true;
 }
 

@@ -48,6 +48,7 @@ Result<JovUser::Ptr> JovUser::authenticateWithStoredCredentialsSynchronous() {
 }
 
 detail::Routine<JovUser::Ptr> JovUser::storedCredentialsRoutine() {
+  co_await detail::mayBlock();
   co_return authenticateWithStoredCredentialsSynchronous();
 }
 

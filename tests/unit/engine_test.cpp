@@ -8,6 +8,7 @@
 
 #include "core/exchange.hpp"
 #include "fake_transport.hpp"
+#include "jov/credential_store.hpp"
 #include "jov/group.hpp"
 #include "jov/user.hpp"
 #include "users/user_internal.hpp"
@@ -182,6 +183,64 @@ TEST_F(EngineTest, ConcurrentOperationsNearExpiryShareOneRefresh) {
     if (r.method == "GET") {
       EXPECT_EQ(r.header("Authorization"), "Bearer t1");
     }
+}
+
+// A store that notes whether it was ever used on the engine's I/O thread.
+class WatchedStore final : public JovCredentialStore {
+ public:
+  std::string name() const override { return "watched"; }
+  JovCredentialStoreOutcome add(const std::string& s, const std::string& b) override {
+    return note(inner_->add(s, b));
+  }
+  JovCredentialStoreOutcome update(const std::string& s, const std::string& b) override {
+    return note(inner_->update(s, b));
+  }
+  JovCredentialStoreOutcome read(const std::string& s, std::string& b) override {
+    return note(inner_->read(s, b));
+  }
+  JovCredentialStoreOutcome remove(const std::string& s) override {
+    return note(inner_->remove(s));
+  }
+  JovCredentialStoreOutcome removeAll() override { return note(inner_->removeAll()); }
+  std::atomic<int> calls{0}, onIoThread{0};
+
+ private:
+  JovCredentialStoreOutcome note(JovCredentialStoreOutcome outcome) {
+    ++calls;
+    if (detail::onIoThread()) ++onIoThread;
+    return outcome;
+  }
+  std::shared_ptr<JovCredentialStore> inner_ = makeMemoryCredentialStore();
+};
+
+TEST_F(EngineTest, CpuStepsStayOnTheIoThreadAndBlockingStepsLeaveIt) {
+  auto store = std::make_shared<WatchedStore>();
+  JovKeyChainWrapper::setStore(store);
+  fake.on("POST", "/oauth2/token",
+          Answer::json(200, {{"access_token", "t1"}, {"id", "u1"}, {"expires_in", 3600}}));
+  fake.on("GET", "/users/u1", Answer::json(200, {{"userID", "u1"}, {"loginName", "ann"}}));
+  fake.on("GET", "/groups/g1", Answer::json(200, {{"groupID", "g1"}, {"name", "one"}}));
+  // An executor that runs completions at once shows the thread the routine ended on.
+  std::promise<bool> groupOnIo, loginOnIo;
+  JovMainQueue::setExecutor([](std::function<void()> f) { f(); });
+  JovGroup::groupWithID("g1")->refresh([&](std::shared_ptr<JovGroup>, std::optional<JovError>) {
+    groupOnIo.set_value(detail::onIoThread());
+  });
+  JovUser::authenticate("ann", "secret", [&](JovUser::Ptr user, std::optional<JovError> error) {
+    EXPECT_FALSE(error);
+    EXPECT_TRUE(user);
+    loginOnIo.set_value(detail::onIoThread());
+  });
+  auto group = groupOnIo.get_future(), login = loginOnIo.get_future();
+  ASSERT_EQ(group.wait_for(5s), std::future_status::ready);
+  ASSERT_EQ(login.wait_for(5s), std::future_status::ready);
+  JovMainQueue::setExecutor(nullptr);
+  EXPECT_TRUE(group.get());
+  EXPECT_FALSE(login.get());
+  // The login logged out, stored and read credentials: never on the I/O thread.
+  EXPECT_GT(store->calls.load(), 0);
+  EXPECT_EQ(store->onIoThread.load(), 0);
+  JovKeyChainWrapper::useMemoryStore();
 }
 
 TEST_F(EngineTest, BlockingCallInsideACompletionDoesNotDeadlock) {

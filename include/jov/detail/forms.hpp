@@ -154,7 +154,7 @@ void runCallback(Self self, Routine<T> routine, JovCallback callback, const JovC
         });
 }
 
-/// Future form: ready on the worker that finished the routine (no main-queue hop).
+/// Future form: ready on the engine's thread that finished the routine (no main-queue hop).
 template <class Self, class T>
 std::future<Result<T>> runFuture(Self self, Routine<T> routine, const JovCancellation& cancel) {
   auto promise = std::make_shared<std::promise<Result<T>>>();

@@ -7,8 +7,12 @@
 ///
 /// - blocking (runSync): everything runs on the caller's thread; an exchange is sent inline and
 ///   nothing ever suspends for real;
-/// - asynchronous (start): the routine starts on a worker; an exchange is handed to the engine's
-///   I/O thread and the routine suspends until the answer is in, then resumes on a worker.
+/// - asynchronous (start): the routine starts on the engine's I/O thread; an exchange is added to
+///   the thread's curl multi handle and the routine suspends until the answer is in, then resumes
+///   on the I/O thread, as curl multi's own callbacks would. Those steps are CPU work only
+///   (building requests, reading answers). A routine about to do something that may block (the
+///   credential store, the preferences, SQLite, a file it reads or writes whole) first awaits
+///   mayBlock(): from there on, it and everything it awaits run on the worker pool.
 ///
 /// Awaiting a child task runs it inline; when the child finished without suspending, the parent
 /// simply continues. When it suspended for real, whichever of the two finishes second (the
@@ -33,11 +37,20 @@ class CancelState;
 /// How the routine tree runs: blocking or asynchronous, and the cancellation it answers to.
 struct Env {
   bool async = false;
+  /// Set by mayBlock(): the routine resumes on workers, never on the I/O thread.
+  bool workers = false;
   std::shared_ptr<CancelState> cancel;
 };
 
 /// Resumes a suspended coroutine on a worker of the pool.
 void resumeOnWorker(std::coroutine_handle<> handle);
+/// Resumes a suspended coroutine on the engine's I/O thread, after what that thread runs now.
+void resumeOnIoThread(std::coroutine_handle<> handle);
+/// Resumes a coroutine of this environment after a wait ended: on the I/O thread, or on a worker
+/// once the routine declared that it may block.
+void resumeAfterWait(const Env& env, std::coroutine_handle<> handle);
+/// True on the engine's I/O thread.
+bool onIoThread();
 /// Has the worker that runs this coroutine resume `next` once the current resumption returned.
 /// A finished child continues its parent this way rather than by symmetric transfer: the parent
 /// destroys the child's frame, which must not happen while the child's own code is on the stack.
@@ -169,15 +182,35 @@ Detached drive(Routine<T> task, Done done) {
 /// Arms the deadline of a cancellation for an asynchronous run.
 void armDeadline(const std::shared_ptr<CancelState>& cancel);
 
-/// Starts a routine asynchronously: it begins on a worker and `done(Result<T>)` runs once, on a
-/// worker, when it ends (cancelled, failed or succeeded).
+/// Starts a routine asynchronously: it begins on the I/O thread and `done(Result<T>)` runs once,
+/// on the thread where it ended (cancelled, failed or succeeded).
 template <class T, class Done>
 void start(Routine<T> task, std::shared_ptr<CancelState> cancel, Done done) {
   Detached d = drive<T>(std::move(task), std::move(done));
   d.handle.promise().own.async = true;
   d.handle.promise().own.cancel = std::move(cancel);
   armDeadline(d.handle.promise().own.cancel);
-  resumeOnWorker(d.handle);
+  resumeOnIoThread(d.handle);
+}
+
+/// Awaited before a step that may block: in an asynchronous run on the I/O thread the routine
+/// moves to a worker, and it and what it awaits stay on workers from there on. Nothing happens
+/// in a blocking run.
+struct MayBlock {
+  bool await_ready() const noexcept { return false; }
+  template <class P>
+  bool await_suspend(std::coroutine_handle<P> h) {
+    Env& env = *h.promise().env;
+    if (!env.async) return false;
+    env.workers = true;
+    if (!onIoThread()) return false;
+    resumeOnWorker(h);
+    return true;
+  }
+  void await_resume() const noexcept {}
+};
+inline MayBlock mayBlock() {
+  return {};
 }
 
 /// The environment of the routine that awaits this: lets a routine ask whether it runs
