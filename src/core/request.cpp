@@ -532,11 +532,13 @@ Task<JovResponse> execute(JovRequest& r, std::string etag) {
   Execution x{r, std::move(etag)};
   if (!begin(x)) co_return std::move(x.response);
   // A password changed locally is sent by logging in again before anything else.
-  if (x.hooks && !r.authenticating) x.error = co_await x.hooks->reloginIfPasswordChanged();
+  if (x.hooks && !r.authenticating && x.hooks->mayRelogin())
+    x.error = co_await x.hooks->reloginIfPasswordChanged();
   if (x.error) co_return failed(x);
   prepare(x);
   // The current user's token, refreshed first when it is about to expire.
-  if (!r.anonymous && x.hooks) x.error = co_await x.hooks->refreshTokenIfNeeded();
+  if (!r.anonymous && x.hooks && x.hooks->mayRefreshToken())
+    x.error = co_await x.hooks->refreshTokenIfNeeded();
   if (x.error) co_return failed(x);
   addHeaders(x);
   x.retry = Jov::retryPolicy();

@@ -28,6 +28,10 @@ class SessionHooks {
   /// Refreshes the current user's access token when it is about to expire; concurrent callers
   /// share one refresh.
   virtual Task<std::optional<JovError>> refreshTokenIfNeeded() = 0;
+  /// Whether either of the two above may have work to do: a cheap look, so that a request that
+  /// needs neither (nearly all) starts no routine for them.
+  virtual bool mayRelogin() = 0;
+  virtual bool mayRefreshToken() = 0;
   /// The current user's access token; empty when there is none.
   virtual std::string accessToken() = 0;
   /// Logs the current user out (the service no longer knows its token).

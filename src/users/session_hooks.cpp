@@ -133,6 +133,15 @@ class UserSessionHooks final : public SessionHooks {
     return refreshTokenIfNeedRoutine();
   }
 
+  bool mayRelogin() override {
+    auto user = Jov::currentUser();
+    return user && UserAccess::passwordChanged(*user);
+  }
+  bool mayRefreshToken() override {
+    auto user = Jov::currentUser();
+    return user && nearExpiry(*user);
+  }
+
   // The current user's token; with nobody logged in, that of the thing the library acts as.
   std::string accessToken() override {
     if (auto user = Jov::currentUser()) return user->accessToken();

@@ -61,6 +61,7 @@ struct UserAccess {
   static Routine<void> authenticate(JovUser& u) { return u.authenticateRoutine(); }
   // Clears the flag; true when it was set (the caller then logs in again).
   static bool takePasswordChanged(JovUser& u) { return u.passwordChanged_.exchange(false); }
+  static bool passwordChanged(const JovUser& u) { return u.passwordChanged_.load(); }
   static Result<void> refresh(JovUser& u) { return runSync(u.refreshRoutine()); }
   static bool isLoggedInUser(const JovUser& u) { return u.isLoggedInUser(); }
 };

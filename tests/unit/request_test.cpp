@@ -70,6 +70,8 @@ class FakeSession : public detail::SessionHooks {
     ++refreshes;
     co_return refreshError;
   }
+  bool mayRelogin() override { return true; }
+  bool mayRefreshToken() override { return true; }
   std::string accessToken() override { return token; }
   void logOut() override { ++logOuts; }
 };
@@ -344,7 +346,8 @@ TEST_F(RequestTest, TracesHideSecretsUnlessAskedToShowThem) {
     all.clear();
     JovRequest r("/oauth2/token");
     r.requestMethod = JovMethodPost;
-    r.postData = json{{"username", "ann"}, {"password", "pw-123"}, {"nested", {{"newPassword", "np-9"}}}};
+    r.postData =
+        json{{"username", "ann"}, {"password", "pw-123"}, {"nested", {{"newPassword", "np-9"}}}};
     r.customHeaders.emplace_back("Authorization", "Bearer tok-7");
     run(r, {200, R"({"access_token":"at-5","refresh_token":"rt-6","expires_in":3600})"});
   };
@@ -403,8 +406,9 @@ TEST_F(RequestTest, RetriesOnlyWhatMayReachTheServiceTwiceAndOnlyByThePolicy) {
   EXPECT_EQ(factory->sent.size(), 1u);
   EXPECT_EQ(send(JovMethodPatch, {unavailable, Answer{}}).status, 503);
   EXPECT_EQ(factory->sent.size(), 1u);
-  EXPECT_EQ(send(JovMethodPut, {unavailable, Answer{}}, {{"X-HTTP-Method-Override", "PATCH"}}).status,
-            503);
+  EXPECT_EQ(
+      send(JovMethodPut, {unavailable, Answer{}}, {{"X-HTTP-Method-Override", "PATCH"}}).status,
+      503);
   EXPECT_EQ(factory->sent.size(), 1u);
 
   // A budget shorter than the first wait leaves nothing to retry.
