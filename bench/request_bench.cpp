@@ -69,45 +69,71 @@ void setUp() {
 }
 
 // Every side GETs the user's record by ID, the exchange the library's refresh sends, so that
-// the emulator does the same work for each.
-void BM_JovRequest(benchmark::State& state) {
-  for (auto _ : state) {
-    jov::JovRequest r("/users/" + gUserID);
-    r.anonymous = true;
-    r.customHeaders.push_back({"Authorization", "Bearer " + gToken});
-    auto res = r.makeSynchronousRequest();
-    if (!res.ok() || res.json.value("userID", "") != gUserID) state.SkipWithError("bad answer");
-    benchmark::DoNotOptimize(res);
-  }
+// the emulator does the same work for each. One exchange of each side:
+bool jovRequestOnce() {
+  jov::JovRequest r("/users/" + gUserID);
+  r.anonymous = true;
+  r.customHeaders.push_back({"Authorization", "Bearer " + gToken});
+  auto res = r.makeSynchronousRequest();
+  return res.ok() && res.json.value("userID", "") == gUserID;
 }
 
 // The same GET as an operation of the library: the current user's refresh (the record is
 // loaded into the user; the stored credentials are not rewritten when nothing changed).
+bool userRefreshOnce() {
+  return jov::Jov::currentUser()->refreshSynchronous().ok();
+}
+
+std::string userURL() {
+  return gBase + "/apps/" + gApp + "/users/" + gUserID;
+}
+
+bool rawOnce(CURL* h, const std::string& url) {
+  return rawExchange(h, "GET", url, "", gToken).value("userID", "") == gUserID;
+}
+
+void BM_JovRequest(benchmark::State& state) {
+  for (auto _ : state)
+    if (!jovRequestOnce()) state.SkipWithError("bad answer");
+}
+
 void BM_UserRefresh(benchmark::State& state) {
-  auto user = jov::Jov::currentUser();
-  for (auto _ : state) {
-    if (!user->refreshSynchronous().ok()) state.SkipWithError("refresh failed");
-  }
+  for (auto _ : state)
+    if (!userRefreshOnce()) state.SkipWithError("refresh failed");
 }
 
 void BM_RawCurlReusedHandle(benchmark::State& state) {
   CURL* h = curl_easy_init();
-  std::string url = gBase + "/apps/" + gApp + "/users/" + gUserID;
-  for (auto _ : state) {
-    auto json = rawExchange(h, "GET", url, "", gToken);
-    if (json.value("userID", "") != gUserID) state.SkipWithError("bad answer");
-  }
+  const std::string url = userURL();
+  for (auto _ : state)
+    if (!rawOnce(h, url)) state.SkipWithError("bad answer");
   curl_easy_cleanup(h);
 }
 
 void BM_RawCurlHandlePerRequest(benchmark::State& state) {
-  std::string url = gBase + "/apps/" + gApp + "/users/" + gUserID;
+  const std::string url = userURL();
   for (auto _ : state) {
     CURL* h = curl_easy_init();
-    auto json = rawExchange(h, "GET", url, "", gToken);
+    const bool ok = rawOnce(h, url);
     curl_easy_cleanup(h);
-    if (json.value("userID", "") != gUserID) state.SkipWithError("bad answer");
+    if (!ok) state.SkipWithError("bad answer");
   }
+}
+
+// `count` exchanges of one side and nothing else, for an instruction count under callgrind (run
+// with 0 and with N: the difference is what N exchanges cost).
+int runCount(const std::string& side, int count) {
+  CURL* h = curl_easy_init();
+  const std::string url = userURL();
+  int failures = 0;
+  for (int i = 0; i < count; ++i) {
+    const bool ok = side == "request"   ? jovRequestOnce()
+                    : side == "refresh" ? userRefreshOnce()
+                                        : rawOnce(h, url);
+    if (!ok) ++failures;
+  }
+  curl_easy_cleanup(h);
+  return failures == 0 ? 0 : 1;
 }
 
 BENCHMARK(BM_JovRequest)->Unit(benchmark::kMicrosecond)->MinTime(2.0);
@@ -119,7 +145,9 @@ BENCHMARK(BM_RawCurlHandlePerRequest)->Unit(benchmark::kMicrosecond)->MinTime(2.
 
 int main(int argc, char** argv) {
   if (argc < 4) {
-    std::fprintf(stderr, "usage: jov_bench BASE_URL APP_ID APP_KEY [benchmark flags]\n");
+    std::fprintf(stderr,
+                 "usage: jov_bench BASE_URL APP_ID APP_KEY [benchmark flags]\n"
+                 "       jov_bench BASE_URL APP_ID APP_KEY count raw|request|refresh N\n");
     return 2;
   }
   gBase = argv[1];
@@ -127,6 +155,7 @@ int main(int argc, char** argv) {
   gKey = argv[3];
   curl_global_init(CURL_GLOBAL_DEFAULT);
   setUp();
+  if (argc == 7 && std::string(argv[4]) == "count") return runCount(argv[5], std::atoi(argv[6]));
   argv[3] = argv[0];
   int rest = argc - 3;
   benchmark::Initialize(&rest, argv + 3);

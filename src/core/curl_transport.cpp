@@ -51,6 +51,7 @@ struct HandleContext {
   // The header list the handle was last given, and the headers it was built from: a request
   // with the same headers as the one before (the common case) reuses it.
   JovHeaders headers;
+  bool expectOff = false;  // the list ends with "Expect:"
   curl_slist* headerList = nullptr;
   char errorBuffer[CURL_ERROR_SIZE] = {0};
 };
@@ -471,18 +472,22 @@ bool CurlRequest::prepare(HandlePool& pool) {
   curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, custom);
 
   // Headers, spelled as given. "Expect:" keeps curl from waiting for 100 Continue.
-  if (context_->headerList == nullptr || context_->headers != headers_) {
+  // Only a request with a body could wait for 100 Continue.
+  const bool withBody = bodyFile_ || !body_.empty();
+  if (context_->headerList == nullptr || context_->headers != headers_ ||
+      context_->expectOff != withBody) {
     curl_slist* list = nullptr;
     std::string line;
     for (const auto& [field, value] : headers_) {
       line.assign(field).append(value.empty() ? ";" : ": ").append(value);
       list = curl_slist_append(list, line.c_str());
     }
-    list = curl_slist_append(list, "Expect:");
+    if (withBody) list = curl_slist_append(list, "Expect:");
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, list);
     curl_slist_free_all(context_->headerList);
     context_->headerList = list;
     context_->headers = headers_;
+    context_->expectOff = withBody;
   }
 
   lastActivity_ = Clock::now();
