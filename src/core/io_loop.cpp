@@ -141,7 +141,16 @@ class IoLoop::Impl {
   void runLocal() {
     while (!local_.empty()) {
       running_.swap(local_);
-      for (auto handle : running_) resumeHere(handle);
+      for (auto handle : running_) {
+        // Routines return errors as values; what escapes is a completion an executor ran here.
+        try {
+          resumeHere(handle);
+        } catch (const std::exception& e) {
+          JOV_LOG(0, std::string("Uncaught exception on the I/O thread: ") + e.what());
+        } catch (...) {
+          JOV_LOG(0, "Uncaught exception on the I/O thread");
+        }
+      }
       running_.clear();
     }
   }

@@ -59,6 +59,15 @@ JovError withCode(int code) {
   return JovError::errorWithCode(code);
 }
 
+// The refusal of a transfer that already ended, or nothing while it may still move.
+std::optional<JovError> endedError(JovTransferState state) {
+  if (state == JovTransferState::Completed)
+    return withCode(JovError::codeTransferAlreadyCompleted());
+  if (state == JovTransferState::Terminated)
+    return withCode(JovError::codeTransferAlreadyTerminated());
+  return std::nullopt;
+}
+
 std::string currentUserID() {
   auto user = JovUser::currentUser();
   return user ? user->userID() : std::string();
@@ -155,14 +164,7 @@ Result<void> JovResumableTransfer::startRun(JovProgressBlock progress, Done done
   JovTransferRecord copy;
   {
     std::lock_guard lock(mutex_);
-    switch (record_.state) {
-      case JovTransferState::Completed:
-        return withCode(JovError::codeTransferAlreadyCompleted());
-      case JovTransferState::Terminated:
-        return withCode(JovError::codeTransferAlreadyTerminated());
-      default:
-        break;
-    }
+    if (auto ended = endedError(record_.state)) return *ended;
     if (running_) return withCode(JovError::codeTransferAlreadyStarted());
     if (!record_.userID.empty() && record_.userID != user)
       return withCode(JovError::codeUnableToOperateTransferManager());
@@ -289,16 +291,9 @@ Result<void> JovResumableTransfer::suspend() {
   std::optional<JovCancellation> cancel;
   {
     std::lock_guard lock(mutex_);
-    switch (record_.state) {
-      case JovTransferState::Completed:
-        return withCode(JovError::codeTransferAlreadyCompleted());
-      case JovTransferState::Terminated:
-        return withCode(JovError::codeTransferAlreadyTerminated());
-      case JovTransferState::Suspended:
-        return withCode(JovError::codeTransferAlreadySuspended());
-      default:
-        break;
-    }
+    if (auto ended = endedError(record_.state)) return *ended;
+    if (record_.state == JovTransferState::Suspended)
+      return withCode(JovError::codeTransferAlreadySuspended());
     if (running_) {
       if (stop_ != Stop::None) return withCode(JovError::codeTransferAlreadySuspended());
       stop_ = Stop::Suspend;
@@ -330,14 +325,7 @@ Result<void> JovResumableTransfer::terminate() {
   std::optional<JovCancellation> cancel;
   {
     std::lock_guard lock(mutex_);
-    switch (record_.state) {
-      case JovTransferState::Completed:
-        return withCode(JovError::codeTransferAlreadyCompleted());
-      case JovTransferState::Terminated:
-        return withCode(JovError::codeTransferAlreadyTerminated());
-      default:
-        break;
-    }
+    if (auto ended = endedError(record_.state)) return *ended;
     record_.state = JovTransferState::Terminated;
     if (running_) {
       stop_ = Stop::Terminate;
