@@ -279,6 +279,9 @@ struct CancellableWait {
               std::coroutine_handle<> routine, Stop stop) {
     if (!env.cancel) return true;
     std::shared_ptr<detail::CancelState> cancel = env.cancel;
+    // Set before attaching: once attached, a cancellation may resume the routine on another
+    // thread at once, and nothing of `this` may be touched here any more.
+    attachedTo = cancel;
     bool attached = cancel->attach([this, flight, cancel, routine, stop] {
       if (!flight->claim()) return;
       cancelled = cancel->error();
@@ -286,10 +289,10 @@ struct CancellableWait {
       detail::resumeOnWorker(routine);
     });
     if (!attached) {
+      attachedTo.reset();
       cancelled = cancel->error();
       return false;
     }
-    attachedTo = env.cancel;
     return true;
   }
   std::optional<JovError> await_resume() {
@@ -314,13 +317,15 @@ struct Transmit : CancellableWait {
     }
     // Without a cancellation nothing races the answer to resume the routine.
     auto flight = env.cancel ? std::make_shared<Flight>() : nullptr;
-    if (!attach(env, flight, routine, [transport = transport] { transport->cancelRequest(); }))
-      return false;
-    // After this call the routine may already run elsewhere: nothing of `this` is touched.
+    detail::Env* envp = &env;
+    std::shared_ptr<JovURLRequest> sending = transport;
+    if (!attach(env, flight, routine, [sending] { sending->cancelRequest(); })) return false;
+    // From here the routine may already run elsewhere: nothing of `this` is touched. A
+    // cancellation that came meanwhile resumed it already; the request is then not sent at all.
+    if (flight && flight->claimed.load(std::memory_order_acquire)) return true;
     // The completion holds the transport: a cancelled routine may end before the exchange does.
     // A large answer is read on a worker, so that it holds up no other exchange meanwhile.
-    JovURLRequest& sender = *transport;
-    sender.sendRequestAsync([flight, routine, envp = &env, keep = transport] {
+    sending->sendRequestAsync([flight, routine, envp, keep = sending] {
       if (flight && !flight->claim()) return;
       if (keep->responseData().size() > kLargeAnswer) {
         detail::resumeOnWorker(routine);

@@ -197,8 +197,7 @@ detail::Routine<void> JovUser::authenticateRoutine() {
 
 detail::Routine<JovUser::Ptr> JovUser::loginRoutine(Result<Ptr> user) {
   // Every login logs out first, so that a failed attempt, refused input included, leaves no
-  // current user.
-  // Logging out and in touches the stored credentials and preferences.
+  // current user. Logging out and in touches the stored credentials and preferences.
   co_await detail::mayBlock();
   logOut();
   if (!user) co_return user.error();
