@@ -146,8 +146,9 @@ int main(int argc, char** argv) {
   const std::vector<std::string> curlHeaders = {"-H", std::string("X-Jov-AppID: ") + argv[2],
                                                 "-H", std::string("X-Jov-AppKey: ") + argv[3],
                                                 "-H", "Authorization: Bearer " + me->accessToken()};
-  auto curl = [&](std::vector<std::string> args) {
-    std::vector<std::string> all = {"curl", "-sS", "-f", "-o", "/dev/null"};
+  // `output`: where curl writes the answer (the body, for a download).
+  auto curl = [&](std::vector<std::string> args, const std::string& output = "/dev/null") {
+    std::vector<std::string> all = {"curl", "-sS", "-f", "-o", output};
     all.insert(all.end(), curlHeaders.begin(), curlHeaders.end());
     all.insert(all.end(), args.begin(), args.end());
     return spawn(all);
@@ -177,9 +178,11 @@ int main(int argc, char** argv) {
     libDown = std::min(libDown, down.seconds);
     libDownRSS = std::max(libDownRSS, down.peakKiB);
     std::filesystem::remove(downloaded);
-    auto cd = curl({bodyURL});
+    // curl writes the same body to a file too (not to /dev/null), as `curl -o FILE` does.
+    auto cd = curl({bodyURL}, downloaded.string());
     if (cd.status != 0) return 1;
     curlDown = std::min(curlDown, cd.seconds);
+    std::filesystem::remove(downloaded);
   }
   const double mb = static_cast<double>(mib);
   std::printf(

@@ -42,7 +42,8 @@ mode_t currentUmask() {
   std::ifstream status("/proc/self/status");
   std::string line;
   while (std::getline(status, line)) {
-    if (line.rfind("Umask:", 0) == 0) return static_cast<mode_t>(std::strtoul(line.c_str() + 6, nullptr, 8));
+    if (line.rfind("Umask:", 0) == 0)
+      return static_cast<mode_t>(std::strtoul(line.c_str() + 6, nullptr, 8));
   }
   mode_t mask = ::umask(0);
   ::umask(mask);
@@ -88,9 +89,11 @@ bool AtomicFileWriter::open(const std::filesystem::path& target, std::optional<m
   mode_ = mode;
   if (unnamedAllowed && canLinkUnnamed()) {
     // The kernel applies the umask to 0666, as for a plainly created file.
-    fd_ = ::open(directoryOf(target).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, mode.value_or(0666));
+    fd_ =
+        ::open(directoryOf(target).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, mode.value_or(0666));
     if (fd_ >= 0) {
-      if (mode_ && ::fchmod(fd_, *mode_) != 0) return fail("cannot set the mode of " + target.string());
+      if (mode_ && ::fchmod(fd_, *mode_) != 0)
+        return fail("cannot set the mode of " + target.string());
       return true;
     }
     // EOPNOTSUPP, EISDIR or EINVAL: this filesystem (or kernel) has no unnamed files.
@@ -100,7 +103,9 @@ bool AtomicFileWriter::open(const std::filesystem::path& target, std::optional<m
 
 bool AtomicFileWriter::openNamed() {
   // Hidden, so that nobody listing the directory takes it for the real file.
-  std::string pattern = (directoryOf(target_) / (tempPrefix(target_) + std::to_string(::getpid()) + "-XXXXXX")).string();
+  std::string pattern =
+      (directoryOf(target_) / (tempPrefix(target_) + std::to_string(::getpid()) + "-XXXXXX"))
+          .string();
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
   fd_ = ::mkstemp(name.data());
@@ -127,7 +132,8 @@ bool AtomicFileWriter::write(const char* data, std::size_t size) {
 
 bool AtomicFileWriter::linkUnnamed() {
   const std::string self = "/proc/self/fd/" + std::to_string(fd_);
-  const std::string base = (directoryOf(target_) / (tempPrefix(target_) + std::to_string(::getpid()) + "-")).string();
+  const std::string base =
+      (directoryOf(target_) / (tempPrefix(target_) + std::to_string(::getpid()) + "-")).string();
   for (int attempt = 0; attempt < 100; ++attempt) {
     std::string name = base + randomSuffix();
     if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
@@ -142,19 +148,20 @@ bool AtomicFileWriter::linkUnnamed() {
 bool AtomicFileWriter::commit() {
   if (fd_ < 0) return false;
   const bool unnamed = temp_.empty();
-  bool ok = ::fsync(fd_) == 0 || fail("cannot flush " + target_.string());
+  bool ok = !durable_ || ::fsync(fd_) == 0 || fail("cannot flush " + target_.string());
   // The temporary name exists from here to the rename only.
   if (ok && unnamed) ok = linkUnnamed();
   if (::close(fd_) != 0 && ok) ok = fail("cannot close " + target_.string());
   fd_ = -1;
-  if (ok && std::rename(temp_.c_str(), target_.c_str()) != 0) ok = fail("cannot finish " + target_.string());
+  if (ok && std::rename(temp_.c_str(), target_.c_str()) != 0)
+    ok = fail("cannot finish " + target_.string());
   if (!ok) {
     if (!temp_.empty()) ::unlink(temp_.c_str());
     temp_.clear();
     return false;
   }
   temp_.clear();
-  syncDirectory(directoryOf(target_));  // make the rename itself durable
+  if (durable_) syncDirectory(directoryOf(target_));  // make the rename itself durable
   return true;
 }
 

@@ -31,6 +31,10 @@ class AtomicFileWriter {
   bool write(const char* data, std::size_t size);
   /// Flushes, closes and renames the temporary file over the target.
   bool commit();
+  /// Whether commit() also waits for the bytes to reach the disk (true by default). Without it
+  /// the file still appears only whole, to other processes and after this one dies; only a crash
+  /// of the whole system may lose it.
+  void setDurable(bool durable) { durable_ = durable; }
   /// Removes the temporary file (also done by the destructor unless committed).
   void discard();
   bool isOpen() const { return fd_ >= 0; }
@@ -49,6 +53,7 @@ class AtomicFileWriter {
 
  private:
   int fd_ = -1;
+  bool durable_ = true;
   std::filesystem::path target_;
   std::string temp_;  // the temporary name; empty while the file is unnamed
   std::optional<mode_t> mode_;

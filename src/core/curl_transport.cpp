@@ -118,7 +118,12 @@ class HandlePool {
 class CurlRequest final : public JovURLRequest, public detail::LoopTransfer {
  public:
   CurlRequest(HandlePool& syncPool, HandlePool& asyncPool, std::string url)
-      : JovURLRequest(std::move(url)), syncPool_(syncPool), asyncPool_(asyncPool) {}
+      : JovURLRequest(std::move(url)), syncPool_(syncPool), asyncPool_(asyncPool) {
+    // A downloaded body is a copy of the service's: written through the page cache, as curl -o
+    // writes, and renamed into place only whole. Waiting for a gigabyte to reach the disk would
+    // halve the download's speed to guard against a system crash the service's copy survives.
+    download_.setDurable(false);
+  }
 
   void sendRequest() override {
     if (prepare(syncPool_)) complete(curl_easy_perform(context_->easy));
