@@ -51,7 +51,7 @@ struct HandleContext {
   // The header list the handle was last given, and the headers it was built from: a request
   // with the same headers as the one before (the common case) reuses it.
   JovHeaders headers;
-  bool expectOff = false;  // the list ends with "Expect:"
+  bool expectLine = false;  // the list ends with "Expect:"
   curl_slist* headerList = nullptr;
   char errorBuffer[CURL_ERROR_SIZE] = {0};
 };
@@ -480,7 +480,7 @@ bool CurlRequest::prepare(HandlePool& pool) {
   // Only a request with a body could wait for 100 Continue.
   const bool withBody = bodyFile_ || !body_.empty();
   if (context_->headerList == nullptr || context_->headers != headers_ ||
-      context_->expectOff != withBody) {
+      context_->expectLine != withBody) {
     curl_slist* list = nullptr;
     std::string line;
     for (const auto& [field, value] : headers_) {
@@ -492,7 +492,7 @@ bool CurlRequest::prepare(HandlePool& pool) {
     curl_slist_free_all(context_->headerList);
     context_->headerList = list;
     context_->headers = headers_;
-    context_->expectOff = withBody;
+    context_->expectLine = withBody;
   }
 
   lastActivity_ = Clock::now();

@@ -17,10 +17,9 @@ std::optional<std::string> jovHeaderValue(const JovHeaders& headers, const std::
 constexpr std::size_t kUsualHeaders = 12;
 
 void JovURLRequest::setValue(const std::string& value, const std::string& field) {
-  if (headers_.empty()) headers_.reserve(kUsualHeaders);
   std::erase_if(headers_,
                 [&](const auto& h) { return strcasecmp(h.first.c_str(), field.c_str()) == 0; });
-  headers_.emplace_back(field, value);
+  addValue(value, field);
 }
 
 bool JovURLRequest::isIdempotent() const {

@@ -190,10 +190,10 @@ class WatchedStore final : public JovCredentialStore {
  public:
   std::string name() const override { return "watched"; }
   JovCredentialStoreOutcome add(const std::string& s, const std::string& b) override {
-    return note(inner_->add(s, b));
+    return wrote(note(inner_->add(s, b)));
   }
   JovCredentialStoreOutcome update(const std::string& s, const std::string& b) override {
-    return note(inner_->update(s, b));
+    return wrote(note(inner_->update(s, b)));
   }
   JovCredentialStoreOutcome read(const std::string& s, std::string& b) override {
     return note(inner_->read(s, b));
@@ -202,9 +202,14 @@ class WatchedStore final : public JovCredentialStore {
     return note(inner_->remove(s));
   }
   JovCredentialStoreOutcome removeAll() override { return note(inner_->removeAll()); }
-  std::atomic<int> calls{0}, onIoThread{0};
+  std::atomic<int> calls{0}, onIoThread{0}, writes{0};
 
  private:
+  // Counts the writes that took place (an add refused as a duplicate is followed by an update).
+  JovCredentialStoreOutcome wrote(JovCredentialStoreOutcome outcome) {
+    if (outcome.ok()) ++writes;
+    return outcome;
+  }
   JovCredentialStoreOutcome note(JovCredentialStoreOutcome outcome) {
     ++calls;
     if (detail::onIoThread()) ++onIoThread;
@@ -240,6 +245,53 @@ TEST_F(EngineTest, CpuStepsStayOnTheIoThreadAndBlockingStepsLeaveIt) {
   // The login logged out, stored and read credentials: never on the I/O thread.
   EXPECT_GT(store->calls.load(), 0);
   EXPECT_EQ(store->onIoThread.load(), 0);
+
+  // A large answer is read on a worker, not on the I/O thread.
+  std::promise<bool> largeOnIo;
+  fake.on(
+      "GET", "/groups/g2",
+      Answer::json(200, {{"groupID", "g2"}, {"name", "two"}, {"notes", std::string(300000, 'x')}}));
+  JovMainQueue::setExecutor([](std::function<void()> f) { f(); });
+  JovGroup::groupWithID("g2")->refresh([&](std::shared_ptr<JovGroup>, std::optional<JovError> e) {
+    EXPECT_FALSE(e);
+    largeOnIo.set_value(detail::onIoThread());
+  });
+  auto large = largeOnIo.get_future();
+  ASSERT_EQ(large.wait_for(5s), std::future_status::ready);
+  JovMainQueue::setExecutor(nullptr);
+  EXPECT_FALSE(large.get());
+  JovKeyChainWrapper::useMemoryStore();
+}
+
+TEST_F(EngineTest, ARefreshWritesTheStoredCredentialsOnlyWhenTheRecordChanged) {
+  auto store = std::make_shared<WatchedStore>();
+  JovKeyChainWrapper::setStore(store);
+  fake.on("POST", "/oauth2/token",
+          Answer::json(200, {{"access_token", "t1"}, {"id", "u1"}, {"expires_in", 3600}}));
+  fake.on("GET", "/users/u1", Answer::json(200, {{"userID", "u1"}, {"loginName", "ann"}}));
+  auto user = JovUser::authenticateSynchronous("ann", "secret");
+  ASSERT_TRUE(user.ok());
+  const int afterLogin = store->writes.load();
+  EXPECT_GT(afterLogin, 0);
+
+  // The same record again: nothing to write.
+  ASSERT_TRUE(user.value()->refreshSynchronous().ok());
+  EXPECT_EQ(store->writes.load(), afterLogin);
+
+  // A new display name is part of the stored record: written once, and read back as such.
+  fake.on("GET", "/users/u1",
+          Answer::json(200, {{"userID", "u1"}, {"loginName", "ann"}, {"displayName", "Ann"}}));
+  ASSERT_TRUE(user.value()->refreshSynchronous().ok());
+  EXPECT_EQ(store->writes.load(), afterLogin + 1);
+  auto restored = JovUser::authenticateWithStoredCredentialsSynchronous();
+  ASSERT_TRUE(restored.ok());
+  EXPECT_EQ(restored.value()->displayName(), "Ann");
+
+  // A refresh the service refuses leaves the user and the stored record as they were.
+  fake.on("GET", "/users/u1", Answer::json(404, {{"errorCode", "USER_NOT_FOUND"}}));
+  EXPECT_FALSE(restored.value()->refreshSynchronous().ok());
+  EXPECT_EQ(restored.value()->displayName(), "Ann");
+  EXPECT_EQ(store->writes.load(), afterLogin + 1);
   JovKeyChainWrapper::useMemoryStore();
 }
 
