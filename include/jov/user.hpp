@@ -916,8 +916,9 @@ class JovUser : public std::enable_shared_from_this<JovUser> {
   detail::Routine<void> putIdentityRoutine(JovIdentityData identityData, JovUserFields userFields,
                                            std::string password);
   detail::Routine<void> refreshRoutine();
-  // loadFromJSON that tells whether any field took a new value.
-  bool loadRecord(const nlohmann::json& record, bool& changed);
+  // loadFromJSON that tells whether any field took a new value. A whole record (the answer to a
+  // refresh) also clears a pending address it does not name.
+  bool loadRecord(const nlohmann::json& record, bool& changed, bool whole = false);
   detail::Routine<Groups> memberOfGroupsRoutine();
   detail::Routine<Groups> ownerOfGroupsRoutine();
   detail::Routine<void> saveRoutine();

@@ -53,12 +53,16 @@ struct HandleContext {
   JovHeaders headers;
   bool expectLine = false;  // the list ends with "Expect:"
   curl_slist* headerList = nullptr;
+  // The URL the handle was last given, parsed (null when libcurl was left to parse it).
+  CURLU* url = nullptr;
+  std::string urlText;
   char errorBuffer[CURL_ERROR_SIZE] = {0};
 };
 
 void destroy(HandleContext* context) {
   curl_easy_cleanup(context->easy);
   curl_slist_free_all(context->headerList);
+  curl_url_cleanup(context->url);
   delete context;
 }
 
@@ -236,6 +240,28 @@ HandleContext* HandlePool::acquire() {
   curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, &CurlRequest::onSeek);
   curl_easy_setopt(easy, CURLOPT_SEEKDATA, context);
   return context;
+}
+
+// libcurl parses a URL given as a string on every transfer and prints it back whole; one given
+// already parsed costs it a third of that, and the same one again (a poll, a refresh) nothing.
+// The string is set as well: it is the URL libcurl reports. A URL this parse refuses is left to
+// libcurl, whose transfer then fails with its own message.
+void setURL(HandleContext& c, const std::string& url) {
+  curl_easy_setopt(c.easy, CURLOPT_URL, url.c_str());
+  if (c.url != nullptr && c.urlText == url) return;
+  if (c.url == nullptr) c.url = curl_url();
+  // Cleared first: a URL set on a handle that holds one is read relative to it.
+  if (c.url != nullptr) curl_url_set(c.url, CURLUPART_URL, nullptr, 0);
+  // The flags libcurl parses a string URL with; "/groups/." stays as it is.
+  const unsigned flags = CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME | CURLU_PATH_AS_IS;
+  if (c.url != nullptr && curl_url_set(c.url, CURLUPART_URL, url.c_str(), flags) == CURLUE_OK) {
+    c.urlText = url;
+    curl_easy_setopt(c.easy, CURLOPT_CURLU, c.url);
+    return;
+  }
+  curl_url_cleanup(c.url);
+  c.url = nullptr;
+  curl_easy_setopt(c.easy, CURLOPT_CURLU, nullptr);
 }
 
 CurlRequest* requestOf(void* ctx) {
@@ -446,7 +472,7 @@ bool CurlRequest::prepare(HandlePool& pool) {
     context_->progress = progress;
   }
 
-  curl_easy_setopt(easy, CURLOPT_URL, url_.c_str());
+  setURL(*context_, url_);
 
   // Method and body. HTTPGET resets what a previous request left (upload, no-body, POST).
   curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);

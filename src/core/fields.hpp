@@ -59,12 +59,12 @@ bool matchFields(const nlohmann::json& record, const Field<E> (&table)[N],
                  const nlohmann::json* (&values)[N]) {
   if (!record.is_object()) return false;
   for (auto& value : values) value = nullptr;
-  for (auto it = record.begin(); it != record.end(); ++it) {
-    if (it->is_null()) continue;
-    const std::size_t i = fieldIndex(it.key(), table);
+  for (const auto& [key, value] : record.get_ref<const nlohmann::json::object_t&>()) {
+    if (value.is_null()) continue;
+    const std::size_t i = fieldIndex(key, table);
     if (i == N) continue;
-    if (!hasType(*it, table[i].type)) return false;
-    values[i] = &*it;
+    if (!hasType(value, table[i].type)) return false;
+    values[i] = &value;
   }
   return true;
 }

@@ -54,12 +54,8 @@ detail::Routine<void> JovUser::refreshRoutine() {
   auto answer = co_await send(kRefreshUser, args(uuid_));
   if (!answer) co_return answer.error();
   if (!answer->json.is_object()) co_return detail::unreadableAnswer();
-  // A whole record names every pending address; one it leaves out was verified or dropped.
-  nlohmann::json& record = answer->json;
-  if (!record.contains("_emailAddressPending")) record["_emailAddressPending"] = "";
-  if (!record.contains("_phoneNumberPending")) record["_phoneNumberPending"] = "";
   bool changed = false;
-  if (!loadRecord(record, changed)) co_return detail::unreadableAnswer();
+  if (!loadRecord(answer->json, changed, true)) co_return detail::unreadableAnswer();
   // The stored credentials hold some of these fields: written again only when one changed.
   if (changed && isLoggedInUser()) {
     co_await detail::mayBlock();

@@ -81,7 +81,14 @@ thread_local unsigned tChanges = 0;
 
 template <class T, class V>
 void setIfChanged(T& field, V&& value) {
-  if constexpr (std::is_same_v<std::decay_t<V>, nlohmann::json>) {
+  if constexpr (std::is_same_v<T, std::string> && std::is_same_v<std::decay_t<V>, nlohmann::json>) {
+    // Compared where it stands: most loads bring the same text again.
+    const auto& text = value.template get_ref<const std::string&>();
+    if (field != text) {
+      field = text;
+      ++tChanges;
+    }
+  } else if constexpr (std::is_same_v<std::decay_t<V>, nlohmann::json>) {
     // Converted first: comparing a field with a json value is ambiguous under C++20's reversed
     // operators, which clang rejects.
     T converted = value.template get<T>();
@@ -104,7 +111,7 @@ bool JovUser::loadFromJSON(const nlohmann::json& record) {
   return loadRecord(record, changed);
 }
 
-bool JovUser::loadRecord(const nlohmann::json& record, bool& changed) {
+bool JovUser::loadRecord(const nlohmann::json& record, bool& changed, bool whole) {
   using detail::JsonType;
   using F = detail::Field<JovUser>;
   static const F kFields[] = {
@@ -174,15 +181,40 @@ bool JovUser::loadRecord(const nlohmann::json& record, bool& changed) {
     setIfChanged(linkedSocialAccounts_, decltype(linkedSocialAccounts_){});
   for (std::size_t i = 0; i < std::size(kFields); ++i)
     if (values[i] != nullptr) kFields[i].apply(*this, *values[i]);
-  nlohmann::json custom = nlohmann::json::object();
-  for (const auto& [key, value] : record.items()) {
-    if (value.is_null()) continue;  // a null value reads as an absent key
-    const bool listed = detail::listsKey(key, kFields);
-    // "_hasPassword" is the one reserved key kept: it tells full users from pseudo users.
-    if (!listed && (key.empty() || key.front() != '_' || key == "_hasPassword"))
-      custom[key] = value;
+  // A whole record names every pending address; one it leaves out was verified or dropped.
+  if (whole && !record.contains("_emailAddressPending")) setIfChanged(pendingEmail_, std::string());
+  if (whole && !record.contains("_phoneNumberPending"))
+    setIfChanged(pendingPhoneNumber_, std::string());
+
+  // The custom fields: a null value reads as an absent key, and "_hasPassword" is the one
+  // reserved key kept (it tells full users from pseudo users). Both sides are sorted maps, so
+  // they are compared in one pass, and a record that brings the same fields again builds none.
+  const auto& entries = record.get_ref<const nlohmann::json::object_t&>();
+  auto isCustom = [](const std::string& key, const nlohmann::json& value) {
+    return !value.is_null() && !detail::listsKey(key, kFields) &&
+           (key.empty() || key.front() != '_' || key == "_hasPassword");
+  };
+  bool same = customInfo_.is_object();
+  if (same) {
+    const auto& mine = customInfo_.get_ref<const nlohmann::json::object_t&>();
+    auto next = mine.begin();
+    for (const auto& [key, value] : entries) {
+      if (!isCustom(key, value)) continue;
+      if (next == mine.end() || next->first != key || next->second != value) {
+        same = false;
+        break;
+      }
+      ++next;
+    }
+    same = same && next == mine.end();
   }
-  setIfChanged(customInfo_, std::move(custom));
+  if (!same) {
+    nlohmann::json custom = nlohmann::json::object();
+    for (const auto& [key, value] : entries)
+      if (isCustom(key, value)) custom[key] = value;
+    customInfo_ = std::move(custom);
+    ++tChanges;
+  }
   changed = tChanges > 0;
   return true;
 }

@@ -147,6 +147,30 @@ TEST_F(TransportTest, AHundredSequentialRequestsShareOneConnection) {
   std::printf("100 sequential requests used %zu connection(s)\n", srv.connections());
 }
 
+// One pooled handle serves every request below in turn: each goes exactly where its own URL says,
+// whatever the handle was sent to before, and one URL that cannot be sent spoils nothing after it.
+TEST_F(TransportTest, EachRequestGoesWhereItsOwnURLSays) {
+  auto pathOf = [this](const std::string& path) {
+    JovRequest r(path);
+    auto res = r.makeSynchronousRequest();
+    std::lock_guard lock(srv.mutex);
+    return res.ok() || res.status > 0 ? srv.last.target : std::string("failed");
+  };
+  EXPECT_EQ(pathOf("/groups/one"), "/api/apps/app/groups/one");
+  EXPECT_EQ(pathOf("/groups/one"), "/api/apps/app/groups/one");
+  EXPECT_EQ(pathOf("/groups/."), "/api/apps/app/groups/.") << "dot segments go out as formed";
+  EXPECT_EQ(pathOf("/users?q=1"), "/api/apps/app/users?q=1");
+  // A base URL without a scheme is read as http, and is not taken relative to the last URL.
+  Jov::beginWithID("app", "key", "127.0.0.1:" + std::to_string(srv.port) + "/api");
+  EXPECT_EQ(pathOf("/groups/two"), "/api/apps/app/groups/two");
+  EXPECT_EQ(pathOf("/groups/three"), "/api/apps/app/groups/three");
+  JovRequest bad("/with space");
+  auto refused = bad.makeSynchronousRequest();
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error->code(), 201);
+  EXPECT_EQ(pathOf("/groups/four"), "/api/apps/app/groups/four");
+}
+
 TEST_F(TransportTest, ManyThreadsAtOnce) {
   srv.server.Get("/api/apps/app/n", [](const httplib::Request& req, httplib::Response& res) {
     res.set_content(json{{"q", req.get_param_value("q")}}.dump(), "application/json");

@@ -182,5 +182,39 @@ TEST(UserModelTest, DeviceCountryComesFromTheProcessLocale) {
     EXPECT_EQ(countryWith(nullptr, none), "(none)");
 }
 
+// Each load leaves exactly the record's custom fields, whatever the user held before: fewer,
+// more, other values, the same keys again, none at all.
+TEST(UserModelTest, EachLoadLeavesExactlyTheRecordsCustomFields) {
+  auto user = JovUser::userWithID("u1");
+  const json loads[] = {
+      {{"a", 1}, {"b", 2}},
+      {{"a", 1}},
+      {{"a", 1}, {"b", 2}, {"c", {{"deep", true}}}},
+      {{"a", 1}, {"b", 3}, {"c", {{"deep", true}}}},
+      {{"a", 1}, {"b", 3}, {"c", {{"deep", false}}}},
+      {{"_hasPassword", true}, {"a", 1}, {"b", 3}, {"c", {{"deep", false}}}},
+      {{"b", 3}, {"displayName", "only listed"}, {"_internal", 1}},
+      {{"loginName", "x"}},
+      {{"z", nullptr}, {"y", 0}},
+  };
+  const json expected[] = {
+      {{"a", 1}, {"b", 2}},
+      {{"a", 1}},
+      {{"a", 1}, {"b", 2}, {"c", {{"deep", true}}}},
+      {{"a", 1}, {"b", 3}, {"c", {{"deep", true}}}},
+      {{"a", 1}, {"b", 3}, {"c", {{"deep", false}}}},
+      {{"_hasPassword", true}, {"a", 1}, {"b", 3}, {"c", {{"deep", false}}}},
+      {{"b", 3}},
+      json::object(),
+      {{"y", 0}},
+  };
+  for (std::size_t i = 0; i < std::size(loads); ++i) {
+    ASSERT_TRUE(user->loadFromJSON(loads[i])) << i;
+    EXPECT_EQ(user->customInfo(), expected[i]) << i;
+    ASSERT_TRUE(user->loadFromJSON(loads[i])) << i;
+    EXPECT_EQ(user->customInfo(), expected[i]) << "the same record again, " << i;
+  }
+}
+
 }  // namespace
 }  // namespace jov
