@@ -47,16 +47,16 @@ bool isUnreserved(unsigned char c) {
 std::string percentEncode(std::string_view s, bool (*keep)(unsigned char)) {
   std::string out;
   out.reserve(s.size());
-  for (const char ch : s) {
-    const auto c = static_cast<unsigned char>(ch);
-    if (keep(c)) {
-      out += ch;
-    } else {
-      out += '%';
-      out += kUpperHex[c >> 4];
-      out += kUpperHex[c & 0x0F];
-    }
+  std::size_t kept = 0;  // where the run of characters kept as they are began
+  for (std::size_t i = 0; i < s.size(); ++i) {
+    const auto c = static_cast<unsigned char>(s[i]);
+    if (keep(c)) continue;
+    out.append(s.data() + kept, i - kept);
+    const char escape[3] = {'%', kUpperHex[c >> 4], kUpperHex[c & 0x0F]};
+    out.append(escape, 3);
+    kept = i + 1;
   }
+  out.append(s.data() + kept, s.size() - kept);
   return out;
 }
 

@@ -383,9 +383,13 @@ void JovRequest::setRequestPath(const std::string& path, bool withApp) {
   std::string url = Jov::baseURL();
   // "https://host/api/" and "https://host/api" name the same service: one slash either way.
   if (withApp && !url.empty() && url.back() == '/') url.pop_back();
-  if (withApp) url += "/apps/" + Jov::appID() + "/";
+  if (withApp) {
+    const std::string app = Jov::appID();
+    url.reserve(url.size() + app.size() + path.size() + 7);
+    url.append("/apps/").append(app).append("/");
+  }
   if (!url.empty() && url.back() == '/') url.pop_back();
-  requestPath = url + path;
+  requestPath = std::move(url.append(path));
 }
 
 const char* JovRequest::methodString(std::int32_t method) {
