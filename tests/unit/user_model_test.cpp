@@ -186,33 +186,24 @@ TEST(UserModelTest, DeviceCountryComesFromTheProcessLocale) {
 // more, other values, the same keys again, none at all.
 TEST(UserModelTest, EachLoadLeavesExactlyTheRecordsCustomFields) {
   auto user = JovUser::userWithID("u1");
-  const json loads[] = {
-      {{"a", 1}, {"b", 2}},
-      {{"a", 1}},
-      {{"a", 1}, {"b", 2}, {"c", {{"deep", true}}}},
-      {{"a", 1}, {"b", 3}, {"c", {{"deep", true}}}},
-      {{"a", 1}, {"b", 3}, {"c", {{"deep", false}}}},
-      {{"_hasPassword", true}, {"a", 1}, {"b", 3}, {"c", {{"deep", false}}}},
-      {{"b", 3}, {"displayName", "only listed"}, {"_internal", 1}},
-      {{"loginName", "x"}},
-      {{"z", nullptr}, {"y", 0}},
+  const json deep = {{"deep", true}}, shallow = {{"deep", false}};
+  // Each record, and the custom fields it leaves.
+  const std::pair<json, json> loads[] = {
+      {{{"a", 1}, {"b", 2}}, {{"a", 1}, {"b", 2}}},
+      {{{"a", 1}}, {{"a", 1}}},
+      {{{"a", 1}, {"b", 2}, {"c", deep}}, {{"a", 1}, {"b", 2}, {"c", deep}}},
+      {{{"a", 1}, {"b", 3}, {"c", deep}}, {{"a", 1}, {"b", 3}, {"c", deep}}},
+      {{{"a", 1}, {"b", 3}, {"c", shallow}}, {{"a", 1}, {"b", 3}, {"c", shallow}}},
+      {{{"_hasPassword", true}, {"a", 1}}, {{"_hasPassword", true}, {"a", 1}}},
+      {{{"b", 3}, {"displayName", "only listed"}, {"_internal", 1}}, {{"b", 3}}},
+      {{{"loginName", "x"}}, json::object()},
+      {{{"z", nullptr}, {"y", 0}}, {{"y", 0}}},
   };
-  const json expected[] = {
-      {{"a", 1}, {"b", 2}},
-      {{"a", 1}},
-      {{"a", 1}, {"b", 2}, {"c", {{"deep", true}}}},
-      {{"a", 1}, {"b", 3}, {"c", {{"deep", true}}}},
-      {{"a", 1}, {"b", 3}, {"c", {{"deep", false}}}},
-      {{"_hasPassword", true}, {"a", 1}, {"b", 3}, {"c", {{"deep", false}}}},
-      {{"b", 3}},
-      json::object(),
-      {{"y", 0}},
-  };
-  for (std::size_t i = 0; i < std::size(loads); ++i) {
-    ASSERT_TRUE(user->loadFromJSON(loads[i])) << i;
-    EXPECT_EQ(user->customInfo(), expected[i]) << i;
-    ASSERT_TRUE(user->loadFromJSON(loads[i])) << i;
-    EXPECT_EQ(user->customInfo(), expected[i]) << "the same record again, " << i;
+  for (const auto& [record, custom] : loads) {
+    ASSERT_TRUE(user->loadFromJSON(record)) << record;
+    EXPECT_EQ(user->customInfo(), custom) << record;
+    ASSERT_TRUE(user->loadFromJSON(record)) << record;
+    EXPECT_EQ(user->customInfo(), custom) << "the same record again: " << record;
   }
 }
 
