@@ -249,9 +249,11 @@ HandleContext* HandlePool::acquire() {
 void setURL(HandleContext& c, const std::string& url) {
   curl_easy_setopt(c.easy, CURLOPT_URL, url.c_str());
   if (c.url != nullptr && c.urlText == url) return;
-  if (c.url == nullptr) c.url = curl_url();
-  // Cleared first: a URL set on a handle that holds one is read relative to it.
-  if (c.url != nullptr) curl_url_set(c.url, CURLUPART_URL, nullptr, 0);
+  // A handle in use is cleared first: a URL set on one that holds a URL is read relative to it.
+  if (c.url == nullptr)
+    c.url = curl_url();
+  else
+    curl_url_set(c.url, CURLUPART_URL, nullptr, 0);
   // The flags libcurl parses a string URL with; "/groups/." stays as it is.
   const unsigned flags = CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME | CURLU_PATH_AS_IS;
   if (c.url != nullptr && curl_url_set(c.url, CURLUPART_URL, url.c_str(), flags) == CURLUE_OK) {

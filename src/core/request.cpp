@@ -389,7 +389,8 @@ void JovRequest::setRequestPath(const std::string& path, bool withApp) {
     url.append("/apps/").append(app).append("/");
   }
   if (!url.empty() && url.back() == '/') url.pop_back();
-  requestPath = std::move(url.append(path));
+  url += path;
+  requestPath = std::move(url);
 }
 
 const char* JovRequest::methodString(std::int32_t method) {

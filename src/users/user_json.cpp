@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <ranges>
 
 #include "core/fields.hpp"
 #include "jov/application.hpp"
@@ -187,32 +188,17 @@ bool JovUser::loadRecord(const nlohmann::json& record, bool& changed, bool whole
     setIfChanged(pendingPhoneNumber_, std::string());
 
   // The custom fields: a null value reads as an absent key, and "_hasPassword" is the one
-  // reserved key kept (it tells full users from pseudo users). Both sides are sorted maps, so
-  // they are compared in one pass, and a record that brings the same fields again builds none.
-  const auto& entries = record.get_ref<const nlohmann::json::object_t&>();
-  auto isCustom = [](const std::string& key, const nlohmann::json& value) {
-    return !value.is_null() && !detail::listsKey(key, kFields) &&
-           (key.empty() || key.front() != '_' || key == "_hasPassword");
-  };
-  bool same = customInfo_.is_object();
-  if (same) {
-    const auto& mine = customInfo_.get_ref<const nlohmann::json::object_t&>();
-    auto next = mine.begin();
-    for (const auto& [key, value] : entries) {
-      if (!isCustom(key, value)) continue;
-      if (next == mine.end() || next->first != key || next->second != value) {
-        same = false;
-        break;
-      }
-      ++next;
-    }
-    same = same && next == mine.end();
-  }
-  if (!same) {
-    nlohmann::json custom = nlohmann::json::object();
-    for (const auto& [key, value] : entries)
-      if (isCustom(key, value)) custom[key] = value;
-    customInfo_ = std::move(custom);
+  // reserved key kept (it tells full users from pseudo users). Both sides are sorted maps,
+  // compared in one pass: a record that brings the same fields again builds none.
+  auto custom = record.get_ref<const nlohmann::json::object_t&>() |
+                std::views::filter([](const auto& entry) {
+                  const auto& [key, value] = entry;
+                  return !value.is_null() && !detail::listsKey(key, kFields) &&
+                         (key.empty() || key.front() != '_' || key == "_hasPassword");
+                });
+  if (!customInfo_.is_object() ||
+      !std::ranges::equal(custom, customInfo_.get_ref<const nlohmann::json::object_t&>())) {
+    customInfo_ = nlohmann::json::object_t(custom.begin(), custom.end());
     ++tChanges;
   }
   changed = tChanges > 0;

@@ -90,8 +90,50 @@ TEST(ResultChaining, AndThenTransformOrElse) {
   EXPECT_TRUE(Result<void>().transform([] {}).ok());
 }
 
+// A store that notes whether it was ever used on the engine's I/O thread.
+class WatchedStore final : public JovCredentialStore {
+ public:
+  std::string name() const override { return "watched"; }
+  JovCredentialStoreOutcome add(const std::string& s, const std::string& b) override {
+    return wrote(note(inner_->add(s, b)));
+  }
+  JovCredentialStoreOutcome update(const std::string& s, const std::string& b) override {
+    return wrote(note(inner_->update(s, b)));
+  }
+  JovCredentialStoreOutcome read(const std::string& s, std::string& b) override {
+    return note(inner_->read(s, b));
+  }
+  JovCredentialStoreOutcome remove(const std::string& s) override {
+    return note(inner_->remove(s));
+  }
+  JovCredentialStoreOutcome removeAll() override { return note(inner_->removeAll()); }
+  std::atomic<int> calls{0}, onIoThread{0}, writes{0};
+
+ private:
+  // Counts the writes that took place (an add refused as a duplicate is followed by an update).
+  JovCredentialStoreOutcome wrote(JovCredentialStoreOutcome outcome) {
+    if (outcome.ok()) ++writes;
+    return outcome;
+  }
+  JovCredentialStoreOutcome note(JovCredentialStoreOutcome outcome) {
+    ++calls;
+    if (detail::onIoThread()) ++onIoThread;
+    return outcome;
+  }
+  std::shared_ptr<JovCredentialStore> inner_ = makeMemoryCredentialStore();
+};
+
 class EngineTest : public jovtest::UserTest {
  protected:
+  // A store that counts what it is asked, in use, and the service's answers to ann's login.
+  std::shared_ptr<WatchedStore> watchStoreAndAnswerLogin() {
+    auto store = std::make_shared<WatchedStore>();
+    JovKeyChainWrapper::setStore(store);
+    fake.on("POST", "/oauth2/token",
+            Answer::json(200, {{"access_token", "t1"}, {"id", "u1"}, {"expires_in", 3600}}));
+    fake.on("GET", "/users/u1", Answer::json(200, {{"userID", "u1"}, {"loginName", "ann"}}));
+    return store;
+  }
   // Answers GET /groups/g1 only once the test opens the gate.
   void holdGroup(const std::string& name) {
     fake.on("GET", "/groups/g1", [gate = gate, name](const jovtest::Recorded&) {
@@ -185,45 +227,8 @@ TEST_F(EngineTest, ConcurrentOperationsNearExpiryShareOneRefresh) {
     }
 }
 
-// A store that notes whether it was ever used on the engine's I/O thread.
-class WatchedStore final : public JovCredentialStore {
- public:
-  std::string name() const override { return "watched"; }
-  JovCredentialStoreOutcome add(const std::string& s, const std::string& b) override {
-    return wrote(note(inner_->add(s, b)));
-  }
-  JovCredentialStoreOutcome update(const std::string& s, const std::string& b) override {
-    return wrote(note(inner_->update(s, b)));
-  }
-  JovCredentialStoreOutcome read(const std::string& s, std::string& b) override {
-    return note(inner_->read(s, b));
-  }
-  JovCredentialStoreOutcome remove(const std::string& s) override {
-    return note(inner_->remove(s));
-  }
-  JovCredentialStoreOutcome removeAll() override { return note(inner_->removeAll()); }
-  std::atomic<int> calls{0}, onIoThread{0}, writes{0};
-
- private:
-  // Counts the writes that took place (an add refused as a duplicate is followed by an update).
-  JovCredentialStoreOutcome wrote(JovCredentialStoreOutcome outcome) {
-    if (outcome.ok()) ++writes;
-    return outcome;
-  }
-  JovCredentialStoreOutcome note(JovCredentialStoreOutcome outcome) {
-    ++calls;
-    if (detail::onIoThread()) ++onIoThread;
-    return outcome;
-  }
-  std::shared_ptr<JovCredentialStore> inner_ = makeMemoryCredentialStore();
-};
-
 TEST_F(EngineTest, CpuStepsStayOnTheIoThreadAndBlockingStepsLeaveIt) {
-  auto store = std::make_shared<WatchedStore>();
-  JovKeyChainWrapper::setStore(store);
-  fake.on("POST", "/oauth2/token",
-          Answer::json(200, {{"access_token", "t1"}, {"id", "u1"}, {"expires_in", 3600}}));
-  fake.on("GET", "/users/u1", Answer::json(200, {{"userID", "u1"}, {"loginName", "ann"}}));
+  auto store = watchStoreAndAnswerLogin();
   fake.on("GET", "/groups/g1", Answer::json(200, {{"groupID", "g1"}, {"name", "one"}}));
   // An executor that runs completions at once shows the thread the routine ended on.
   std::promise<bool> groupOnIo, loginOnIo;
@@ -264,11 +269,7 @@ TEST_F(EngineTest, CpuStepsStayOnTheIoThreadAndBlockingStepsLeaveIt) {
 }
 
 TEST_F(EngineTest, ARefreshWritesTheStoredCredentialsOnlyWhenTheRecordChanged) {
-  auto store = std::make_shared<WatchedStore>();
-  JovKeyChainWrapper::setStore(store);
-  fake.on("POST", "/oauth2/token",
-          Answer::json(200, {{"access_token", "t1"}, {"id", "u1"}, {"expires_in", 3600}}));
-  fake.on("GET", "/users/u1", Answer::json(200, {{"userID", "u1"}, {"loginName", "ann"}}));
+  auto store = watchStoreAndAnswerLogin();
   auto user = JovUser::authenticateSynchronous("ann", "secret");
   ASSERT_TRUE(user.ok());
   const int afterLogin = store->writes.load();

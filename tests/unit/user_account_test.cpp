@@ -53,6 +53,26 @@ TEST_F(UserAccountTest, RefreshAndSave) {
   EXPECT_EQ(codeOf(user->refreshSynchronous()), JovError::codeUnableToParseResponse());
   EXPECT_EQ(user->displayName(), "Al") << "a mistyped record changes nothing";
 
+  // A refresh brings the whole record: a pending address it leaves out was verified or dropped,
+  // unless the record is refused. A record loaded otherwise clears nothing it leaves out.
+  fake.on("GET", "/users/u1",
+          Answer::json(200, {{"userID", "u1"},
+                             {"_emailAddressPending", "new@example.com"},
+                             {"_phoneNumberPending", "+15550100"}}));
+  ASSERT_TRUE(user->refreshSynchronous().ok());
+  fake.on("GET", "/users/u1",
+          Answer::json(200, {{"userID", "u1"}, {"displayName", 5}, {"_phoneNumberPending", 1}}));
+  EXPECT_EQ(codeOf(user->refreshSynchronous()), JovError::codeUnableToParseResponse());
+  EXPECT_EQ(user->pendingEmail(), "new@example.com");
+  EXPECT_EQ(user->pendingPhoneNumber(), "+15550100");
+  fake.on("GET", "/users/u1",
+          Answer::json(200, {{"userID", "u1"}, {"_phoneNumberPending", "+15550100"}}));
+  ASSERT_TRUE(user->refreshSynchronous().ok());
+  EXPECT_EQ(user->pendingEmail(), "");
+  EXPECT_EQ(user->pendingPhoneNumber(), "+15550100");
+  ASSERT_TRUE(user->loadFromJSON({{"userID", "u1"}}));
+  EXPECT_EQ(user->pendingPhoneNumber(), "+15550100");
+
   // Many refreshes of one user at once each read its ID while the others load the record.
   fake.on("GET", "/users/u1",
           Answer::json(200, {{"userID", "u1"}, {"loginName", "alice"}, {"displayName", "Al"}}));
